@@ -1,0 +1,181 @@
+#pragma once
+
+#include <cassert>
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "MappedFile.hpp"
+#include "PixelActivation.hpp"
+#include "TimeOrder.hpp"
+#include "Tpx3Packet.hpp"
+
+namespace kavot_tpx3spidr {
+
+/// Packet counts and the first global timestamp of a .tpx3 word stream, found by the validating first pass.
+struct Tpx3Census {
+    std::size_t pixelCount = 0;
+    std::size_t tdcCount = 0;
+    bool hasGlobalTimestamp = false;
+    std::uint64_t firstGlobalTimestamp_ticks = 0;
+};
+
+/// Calls `onChunk(first, last)` with the packet words of every chunk in order. A chunk must start with "TPX3"
+/// (checked first: the size field of a word that is no header means nothing) and end within the data.
+template <typename OnChunk>
+void for_eachChunk_tpx3(const std::uint64_t* data, std::size_t size, OnChunk&& onChunk) {
+    std::size_t i = 0;
+    while (i < size) {
+        const std::uint64_t header = data[i];
+        if (!tpx3::is_chunkHeader(header)) {
+            throw std::logic_error("Invalid header entry!");
+        }
+        const std::size_t end = i + 1 + static_cast<std::size_t>(tpx3::chunkWords(header));
+        if (end > size) {
+            throw std::logic_error("End of data reached before block is complete!");
+        }
+        onChunk(data + i + 1, data + end);
+        i = end;
+    }
+}
+
+/// The first pass: validates the chunk structure and counts pixel and TDC packets. Every structural error of
+/// the stream is found here, before anything is decoded.
+inline Tpx3Census census_tpx3(const std::uint64_t* data, std::size_t size) {
+    Tpx3Census census;
+    std::uint64_t latestLow = 0;
+    for_eachChunk_tpx3(data, size, [&](const std::uint64_t* first, const std::uint64_t* last) {
+        for (const std::uint64_t* p = first; p != last; ++p) {
+            const std::uint64_t word = *p;
+            switch (tpx3::packetType(word)) {
+            case tpx3::type_pixel:
+                ++census.pixelCount;
+                break;
+            case tpx3::type_tdc:
+                ++census.tdcCount;
+                break;
+            case tpx3::type_globalTime: {
+                const std::uint64_t subtype = tpx3::globalSubtype(word);
+                if (subtype == tpx3::globalSubtype_low) {
+                    latestLow = tpx3::globalLow(word);
+                } else if (subtype == tpx3::globalSubtype_high && !census.hasGlobalTimestamp) {
+                    // Only the first timestamp is the reference; later ones are not used.
+                    census.hasGlobalTimestamp = true;
+                    census.firstGlobalTimestamp_ticks = tpx3::globalTimestamp_ticks(word, latestLow);
+                }
+                break;
+            }
+            default:
+                break;
+            }
+        }
+    });
+    return census;
+}
+
+/// Turns raw packet times into the data set's time scale: extended around the first global timestamp, or raw.
+template <bool useGlobalTime>
+class Tpx3TimeScale {
+public:
+    explicit Tpx3TimeScale(std::uint64_t reference_ticks) noexcept
+        : pixelExtension(reference_ticks), tdcExtension(reference_ticks) {}
+
+    [[nodiscard]] Time pixelTime(std::int64_t raw) const noexcept {
+        if constexpr (useGlobalTime) {
+            return Time(pixelExtension.extend(tpx3::pixelTime_forExtension(raw)));
+        } else {
+            return Time(raw);
+        }
+    }
+    [[nodiscard]] Time tdcTime(std::uint64_t raw) const noexcept {
+        if constexpr (useGlobalTime) {
+            return Time(tdcExtension.extend(raw));
+        } else {
+            return Time(static_cast<long>(raw));
+        }
+    }
+
+private:
+    tpx3::TimeExtension<tpx3::pixelPeriod_ticks> pixelExtension;
+    tpx3::TimeExtension<tpx3::tdcPeriod_ticks> tdcExtension;
+};
+
+/// The reference time of a decode; refuses a stream without global timestamp when one is needed.
+template <bool useGlobalTime>
+std::uint64_t referenceTime_tpx3(const Tpx3Census& census) {
+    if constexpr (useGlobalTime) {
+        if (!census.hasGlobalTimestamp) {
+            throw std::invalid_argument("Supplied file does not contain a global timestamp!");
+        }
+        return census.firstGlobalTimestamp_ticks;
+    } else {
+        return 0;
+    }
+}
+
+/// Everything decoded from one .tpx3 file: the pixel activations in file order, their stable ascending-time
+/// order and the TDC1 trigger times in file order. Read-only after construction.
+class Data_Tpx3Spidr {
+public:
+    /// Takes over both vectors, repairs single rollovers of the pixel clock and builds the time order.
+    Data_Tpx3Spidr(std::vector<PixelActivation>&& pixelActivations_, std::vector<Time>&& tdc1Triggers_)
+        : pixelActivations(std::move(pixelActivations_)), tdc1Triggers(std::move(tdc1Triggers_)) {
+        pixelActivations_sorting = build_timeOrder(pixelActivations);
+    }
+
+    /// The activation at position `index` of the time order.
+    [[nodiscard]] const PixelActivation& operator[](std::size_t index) const {
+        assert(index < pixelActivations_sorting.size());
+        const std::size_t dataIndex = pixelActivations_sorting[index];
+        assert(dataIndex < pixelActivations.size());
+        return pixelActivations[dataIndex];
+    }
+
+    [[nodiscard]] std::size_t size() const noexcept { return pixelActivations.size(); }
+    [[nodiscard]] const std::vector<Time>& get_tdc1Triggers() const noexcept { return tdc1Triggers; }
+
+    /// Reads and decodes a whole .tpx3 file.
+    template <bool useGlobalTime>
+    static Data_Tpx3Spidr make_from_file_tpx3spidr(const std::string& path) {
+        const MappedFile file(path);
+        if (file.size_bytes() % 8 != 0) {
+            throw std::logic_error("File contains incomplete lines!");
+        }
+        return make_from_data_tpx3spidr<useGlobalTime>(file.words(), file.size_bytes() / 8);
+    }
+
+    /// Decodes .tpx3 words already in memory (not modified): a validating and counting pass, then decoding.
+    template <bool useGlobalTime>
+    static Data_Tpx3Spidr make_from_data_tpx3spidr(const std::uint64_t* data, std::size_t size) {
+        const Tpx3Census census = census_tpx3(data, size);
+        const Tpx3TimeScale<useGlobalTime> timeScale(referenceTime_tpx3<useGlobalTime>(census));
+
+        std::vector<PixelActivation> activations;
+        activations.reserve(census.pixelCount);
+        std::vector<Time> triggers;
+        triggers.reserve(census.tdcCount);
+        for_eachChunk_tpx3(data, size, [&](const std::uint64_t* first, const std::uint64_t* last) {
+            for (const std::uint64_t* p = first; p != last; ++p) {
+                const std::uint64_t word = *p;
+                const std::uint64_t type = tpx3::packetType(word);
+                if (type == tpx3::type_pixel) {
+                    const tpx3::PixelFields pixel = tpx3::decode_pixel(word);
+                    activations.emplace_back(pixel.x, pixel.y, timeScale.pixelTime(pixel.time_ticks), pixel.tot);
+                } else if (type == tpx3::type_tdc) {
+                    triggers.push_back(timeScale.tdcTime(tpx3::decode_tdcTime(word)));
+                }
+            }
+        });
+        return Data_Tpx3Spidr(std::move(activations), std::move(triggers));
+    }
+
+private:
+    std::vector<PixelActivation> pixelActivations;
+    std::vector<std::size_t> pixelActivations_sorting;
+    std::vector<Time> tdc1Triggers;
+};
+
+} // namespace kavot_tpx3spidr
