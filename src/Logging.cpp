@@ -1,0 +1,3 @@
+#include "Logging.hpp"
+
+std::int32_t logLevel = 4;
