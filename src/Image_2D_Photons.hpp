@@ -46,12 +46,12 @@ public:
     [[nodiscard]] std::size_t calc_countsIndex(std::size_t x, std::size_t y) const {
         if constexpr (checkRange) {
             if (x >= nPixels_x) {
-                throw std::out_of_range("X coordinate out of range! " + std::to_string(x) + " >= " +
-                                        std::to_string(nPixels_x) + "!");
+                throw std::out_of_range("X coordinate out of range! " + std::to_string(x) +
+                                        " >= " + std::to_string(nPixels_x) + "!");
             }
             if (y >= nPixels_y) {
-                throw std::out_of_range("Y coordinate out of range! " + std::to_string(y) + " >= " +
-                                        std::to_string(nPixels_y) + "!");
+                throw std::out_of_range("Y coordinate out of range! " + std::to_string(y) +
+                                        " >= " + std::to_string(nPixels_y) + "!");
             }
         }
         return nPixels_x * y + x;

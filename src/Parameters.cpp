@@ -1,13 +1,13 @@
 #include "Parameters.hpp"
 
-#include <rapidjson/document.h>
-#include <rapidjson/error/en.h>
-
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <sstream>
+
+#include <rapidjson/document.h>
+#include <rapidjson/error/en.h>
 
 #include "Logging.hpp"
 

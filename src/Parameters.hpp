@@ -1,11 +1,11 @@
 #pragma once
 
-#include <getopt.h>
-
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
 #include <string>
+
+#include <getopt.h>
 
 /// Every setting of one run: defaults, then the command-line options in the order they stand, with a
 /// parameter file read where its option stands.

@@ -4,7 +4,8 @@
 
 using namespace kavot_tpx3spidr;
 
-PhotonResult reconstruct_photonEvents_switchAlgoritms(Data_Tpx3Spidr data, Parameters parameters,
+PhotonResult reconstruct_photonEvents_switchAlgoritms(Data_Tpx3Spidr data,
+                                                      Parameters parameters,
                                                       ReconstructionParameters_PhotonEvents reconstructionParameters) {
     const std::string& name = parameters.algorithm;
     if (name == "default" || name == "fullChain_direct") {
@@ -21,12 +22,9 @@ PhotonResult reconstruct_photonEvents_switchAlgoritms(Data_Tpx3Spidr data, Param
 
 ReconstructionParameters_PhotonEvents make_reconstructionParameters(const Parameters& parameters) {
     return {
-        parameters.dSpace,
-        Time::make_from_seconds<true>(parameters.dTime),
-        parameters.nPxMin,
-        parameters.nPxMax,
-        parameters.weightMin,
-        parameters.weightMax,
+        parameters.dSpace,    Time::make_from_seconds<true>(parameters.dTime),
+        parameters.nPxMin,    parameters.nPxMax,
+        parameters.weightMin, parameters.weightMax,
         parameters.TDC1,
     };
 }

@@ -27,7 +27,9 @@ bool endsWith(const std::string& text, const std::string& suffix) {
     return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-std::string secondsSince(std::time_t start) { return std::to_string(std::time(nullptr) - start); }
+std::string secondsSince(std::time_t start) {
+    return std::to_string(std::time(nullptr) - start);
+}
 
 /// Writes the photon event file. A file that could not be written completely is removed, so that no file is
 /// left that could pass for a complete result; the error names the path.
@@ -59,7 +61,8 @@ void write_photonEventFile(const std::string& path, const PhotonResult& result) 
     }
 }
 
-void run_processingSequence(const Parameters& parameters, const ReconstructionParameters_PhotonEvents& reconstruction,
+void run_processingSequence(const Parameters& parameters,
+                            const ReconstructionParameters_PhotonEvents& reconstruction,
                             std::time_t start) {
     const std::string& prefix = *parameters.inputFile;
     Data_Tpx3Spidr data = parameters.useGlobalTime
@@ -67,8 +70,8 @@ void run_processingSequence(const Parameters& parameters, const ReconstructionPa
                               : Data_Tpx3Spidr::make_from_file_tpx3spidr</*useGlobalTime=*/false>(prefix);
     logging<LogLevel::trace>(prefix + ": Finished loading input at " + secondsSince(start) + " seconds");
     logging<LogLevel::info>(prefix + ": Total number of pixel activations in file = " + std::to_string(data.size()));
-    logging<LogLevel::info>(prefix + ": Total number of TDC1 triggers = " +
-                            std::to_string(data.get_tdc1Triggers().size()));
+    logging<LogLevel::info>(prefix +
+                            ": Total number of TDC1 triggers = " + std::to_string(data.get_tdc1Triggers().size()));
     logging<LogLevel::trace>("Starting photon event reconstruction");
 
     // The dispatcher takes the data set by value. Nothing reads the run's own data set after this point, so
@@ -83,8 +86,8 @@ void run_processingSequence(const Parameters& parameters, const ReconstructionPa
         image.write_toFile_raw(*parameters.photImgPath);
     }
 
-    logging<LogLevel::info>(prefix + ": Total number of reconstructed photons = " +
-                            std::to_string(result.photonEvents.size()));
+    logging<LogLevel::info>(prefix +
+                            ": Total number of reconstructed photons = " + std::to_string(result.photonEvents.size()));
 
     // An output path without a directory part names a file in the working directory, which exists.
     const std::filesystem::path directory = std::filesystem::path(*parameters.outputFile).parent_path();

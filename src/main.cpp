@@ -1,3 +1,5 @@
 #include "Run.hpp"
 
-int main(int argc, char** argv) { return run_vundrel(argc, argv); }
+int main(int argc, char** argv) {
+    return run_vundrel(argc, argv);
+}

@@ -4,8 +4,6 @@
 // logarithmic scale that saturates at the 99.9th percentile of the non-empty blocks, so that a few hot spots
 // do not leave the rest of the picture black.
 
-#include <png.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -13,6 +11,8 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <png.h>
 
 namespace photonpng {
 

@@ -18,13 +18,13 @@ struct Settings {
     std::uint64_t hits = 1000000;
     double hitRate_perSecond = 1e7;
     std::uint64_t seed = 1;
-    double meanClusterSize = 6.0;  ///< mean hits per photon (1 to 20)
-    double noiseFraction = 0.05;   ///< share of hits that belong to no photon
-    double disorder_seconds = 0;   ///< each hit is read out up to this much late: mild out-of-order arrival
-    bool reverse = false;          ///< write the hits in reverse time order (a worst case for ordering)
+    double meanClusterSize = 6.0; ///< mean hits per photon (1 to 20)
+    double noiseFraction = 0.05;  ///< share of hits that belong to no photon
+    double disorder_seconds = 0;  ///< each hit is read out up to this much late: mild out-of-order arrival
+    bool reverse = false;         ///< write the hits in reverse time order (a worst case for ordering)
     double tdcRate_perSecond = 1000;
     double globalTimeInterval_seconds = 0.01;
-    double startTime_seconds = 1.0; ///< global time of the first timestamp
+    double startTime_seconds = 1.0;  ///< global time of the first timestamp
     unsigned maxChunkPackets = 1000; ///< chunks hold 1 to this many packets
 };
 
@@ -113,8 +113,9 @@ inline std::vector<Hit> generate_hits(const Settings& settings, Random& random) 
             offsets.push_back({dx, dy});
         }
     }
-    std::stable_sort(offsets.begin(), offsets.end(),
-                     [](const auto& a, const auto& b) { return a[0] * a[0] + a[1] * a[1] < b[0] * b[0] + b[1] * b[1]; });
+    std::stable_sort(offsets.begin(), offsets.end(), [](const auto& a, const auto& b) {
+        return a[0] * a[0] + a[1] * a[1] < b[0] * b[0] + b[1] * b[1];
+    });
 
     std::vector<Hit> hits;
     hits.reserve(settings.hits + 32);
@@ -142,8 +143,8 @@ inline std::vector<Hit> generate_hits(const Settings& settings, Random& random) 
         for (std::size_t h = 0; h < n && hits.size() < settings.hits; ++h) {
             const auto& offset = offsets[h];
             const double r2 = offset[0] * offset[0] + offset[1] * offset[1];
-            const auto tot = static_cast<std::uint16_t>(
-                std::clamp(peak * std::exp(-r2 / 2.5) + random.uniform() * 10, 1.0, 1023.0));
+            const auto tot =
+                static_cast<std::uint16_t>(std::clamp(peak * std::exp(-r2 / 2.5) + random.uniform() * 10, 1.0, 1023.0));
             // A few ns of spread, more for weak hits (time walk).
             const auto delay = static_cast<std::int64_t>(random.below(4) + (tot < 40 ? random.below(10) : 0));
             hits.push_back({t0 + delay, static_cast<std::uint16_t>(cx + offset[0]),
@@ -180,7 +181,8 @@ inline Generated generate(const Settings& settings) {
         for (std::size_t i = 0; i < hits.size(); ++i) {
             readout[i] = hits[i].toa_ticks + static_cast<std::int64_t>(random.uniform() * maxDelay_ticks);
         }
-        std::stable_sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) { return readout[a] < readout[b]; });
+        std::stable_sort(order.begin(), order.end(),
+                         [&](std::uint32_t a, std::uint32_t b) { return readout[a] < readout[b]; });
     }
 
     const std::uint64_t start25ns = static_cast<std::uint64_t>(settings.startTime_seconds / 25e-9);
@@ -200,14 +202,14 @@ inline Generated generate(const Settings& settings) {
     for (std::size_t k = 0; k < order.size(); ++k) {
         const Hit& hit = hits[order[k]];
         // Side packets follow the progress of the acquisition, in reverse mode by position.
-        const std::int64_t now = settings.reverse
-                                     ? static_cast<std::int64_t>(static_cast<double>(k) / static_cast<double>(order.size()) *
-                                                                 static_cast<double>(end_ticks))
-                                     : hit.toa_ticks;
+        const std::int64_t now =
+            settings.reverse ? static_cast<std::int64_t>(static_cast<double>(k) / static_cast<double>(order.size()) *
+                                                         static_cast<double>(end_ticks))
+                             : hit.toa_ticks;
         while (nextTdc <= static_cast<double>(now)) {
-            packets.push_back(tdcWord(tdcCounter++, static_cast<std::uint64_t>(out.reference_ticks +
-                                                                               static_cast<std::int64_t>(nextTdc)) &
-                                                        ((std::uint64_t{1} << 36) - 1)));
+            packets.push_back(tdcWord(
+                tdcCounter++, static_cast<std::uint64_t>(out.reference_ticks + static_cast<std::int64_t>(nextTdc)) &
+                                  ((std::uint64_t{1} << 36) - 1)));
             nextTdc += random.exponential(tdcInterval_ticks);
         }
         while (nextGlobal <= now) {
@@ -219,7 +221,8 @@ inline Generated generate(const Settings& settings) {
         if (random.below(2000) == 0) {
             packets.push_back((std::uint64_t{0x71} << 56) | (random.next() >> 8)); // SPIDR control: skipped
         }
-        const auto raw34 = static_cast<std::uint64_t>(out.reference_ticks + hit.toa_ticks) & ((std::uint64_t{1} << 34) - 1);
+        const auto raw34 =
+            static_cast<std::uint64_t>(out.reference_ticks + hit.toa_ticks) & ((std::uint64_t{1} << 34) - 1);
         packets.push_back(pixelWord(hit.x, hit.y, raw34, hit.tot));
     }
 

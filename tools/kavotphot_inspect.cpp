@@ -18,13 +18,14 @@ namespace {
 using namespace kavot_tpx3spidr;
 using PhotonFile = kavot::FileHandler_PhotonEvents<Length, Time, 4, 8, 2>;
 
-const char* const usage = "Usage:\n"
-                          "  kavotphot_inspect summary FILE.kavotphot     photon and trigger counts, time and x/y range\n"
-                          "  kavotphot_inspect csv FILE.kavotphot         photons as CSV on standard output:\n"
-                          "                                               x_px,y_px,toa_s,toa_ticks\n"
-                          "  kavotphot_inspect png INPUT OUT.png [BIN]    render a .kavotphot file or a raw photon count\n"
-                          "                                               image (2048 x 2048) to a PNG, BIN x BIN bins\n"
-                          "                                               per PNG pixel (default 1)\n";
+const char* const usage =
+    "Usage:\n"
+    "  kavotphot_inspect summary FILE.kavotphot     photon and trigger counts, time and x/y range\n"
+    "  kavotphot_inspect csv FILE.kavotphot         photons as CSV on standard output:\n"
+    "                                               x_px,y_px,toa_s,toa_ticks\n"
+    "  kavotphot_inspect png INPUT OUT.png [BIN]    render a .kavotphot file or a raw photon count\n"
+    "                                               image (2048 x 2048) to a PNG, BIN x BIN bins\n"
+    "                                               per PNG pixel (default 1)\n";
 
 bool endsWith(const std::string& text, const std::string& suffix) {
     return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;

@@ -1,12 +1,12 @@
 // Writes a synthetic .tpx3 file; see --help.
 
-#include <getopt.h>
-
 #include <cstdio>
 #include <exception>
 #include <fstream>
 #include <iostream>
 #include <string>
+
+#include <getopt.h>
 
 #include "Tpx3Generator.hpp"
 
@@ -35,32 +35,67 @@ int main(int argc, char** argv) {
     tpx3gen::Settings settings;
     std::string output;
     const option options[] = {
-        {"output", required_argument, nullptr, 'o'},       {"hits", required_argument, nullptr, 'n'},
-        {"rate", required_argument, nullptr, 'r'},         {"seed", required_argument, nullptr, 's'},
-        {"cluster-size", required_argument, nullptr, 'c'}, {"noise", required_argument, nullptr, 'N'},
-        {"disorder", required_argument, nullptr, 'd'},     {"reverse", no_argument, nullptr, 'R'},
-        {"tdc-rate", required_argument, nullptr, 'T'},     {"global-interval", required_argument, nullptr, 'G'},
-        {"start", required_argument, nullptr, 'S'},        {"max-chunk", required_argument, nullptr, 'C'},
-        {"help", no_argument, nullptr, 'h'},               {nullptr, 0, nullptr, 0},
+        {"output", required_argument, nullptr, 'o'},
+        {"hits", required_argument, nullptr, 'n'},
+        {"rate", required_argument, nullptr, 'r'},
+        {"seed", required_argument, nullptr, 's'},
+        {"cluster-size", required_argument, nullptr, 'c'},
+        {"noise", required_argument, nullptr, 'N'},
+        {"disorder", required_argument, nullptr, 'd'},
+        {"reverse", no_argument, nullptr, 'R'},
+        {"tdc-rate", required_argument, nullptr, 'T'},
+        {"global-interval", required_argument, nullptr, 'G'},
+        {"start", required_argument, nullptr, 'S'},
+        {"max-chunk", required_argument, nullptr, 'C'},
+        {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
     };
     try {
         int value = 0;
         while ((value = getopt_long(argc, argv, "o:n:r:s:c:d:h", options, nullptr)) != -1) {
             switch (value) {
-            case 'o': output = optarg; break;
-            case 'n': settings.hits = std::stoull(optarg); break;
-            case 'r': settings.hitRate_perSecond = std::stod(optarg); break;
-            case 's': settings.seed = std::stoull(optarg); break;
-            case 'c': settings.meanClusterSize = std::stod(optarg); break;
-            case 'N': settings.noiseFraction = std::stod(optarg); break;
-            case 'd': settings.disorder_seconds = std::stod(optarg); break;
-            case 'R': settings.reverse = true; break;
-            case 'T': settings.tdcRate_perSecond = std::stod(optarg); break;
-            case 'G': settings.globalTimeInterval_seconds = std::stod(optarg); break;
-            case 'S': settings.startTime_seconds = std::stod(optarg); break;
-            case 'C': settings.maxChunkPackets = static_cast<unsigned>(std::stoul(optarg)); break;
-            case 'h': std::fputs(usage, stdout); return 0;
-            default: std::fputs(usage, stderr); return 1;
+            case 'o':
+                output = optarg;
+                break;
+            case 'n':
+                settings.hits = std::stoull(optarg);
+                break;
+            case 'r':
+                settings.hitRate_perSecond = std::stod(optarg);
+                break;
+            case 's':
+                settings.seed = std::stoull(optarg);
+                break;
+            case 'c':
+                settings.meanClusterSize = std::stod(optarg);
+                break;
+            case 'N':
+                settings.noiseFraction = std::stod(optarg);
+                break;
+            case 'd':
+                settings.disorder_seconds = std::stod(optarg);
+                break;
+            case 'R':
+                settings.reverse = true;
+                break;
+            case 'T':
+                settings.tdcRate_perSecond = std::stod(optarg);
+                break;
+            case 'G':
+                settings.globalTimeInterval_seconds = std::stod(optarg);
+                break;
+            case 'S':
+                settings.startTime_seconds = std::stod(optarg);
+                break;
+            case 'C':
+                settings.maxChunkPackets = static_cast<unsigned>(std::stoul(optarg));
+                break;
+            case 'h':
+                std::fputs(usage, stdout);
+                return 0;
+            default:
+                std::fputs(usage, stderr);
+                return 1;
             }
         }
         if (output.empty() || optind < argc) {

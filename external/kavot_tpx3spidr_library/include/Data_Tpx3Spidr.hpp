@@ -4,6 +4,6 @@
 // parameters, chains and algorithms.
 #include "PixelActivation.hpp"
 #include "PixelActivationChain.hpp"
-#include "Reconstruction_PhotonEvents.hpp"
 #include "ReconstructionParameters_PhotonEvents.hpp"
+#include "Reconstruction_PhotonEvents.hpp"
 #include "Tpx3DataSet.hpp"

@@ -10,13 +10,13 @@ namespace kavot_tpx3spidr {
 /// The clustering settings every algorithm receives. Nothing is validated: bounds that exclude each other
 /// simply accept no cluster.
 struct ReconstructionParameters_PhotonEvents {
-    double dSpace;             ///< pixels
-    Time dTime;                ///< ticks
-    std::uint64_t nPxMin;      ///< inclusive
-    std::uint64_t nPxMax;      ///< inclusive
-    double weightMin;          ///< inclusive, on the quantity the algorithm bounds
-    double weightMax;          ///< inclusive
-    bool TDC1;                 ///< carry the TDC1 trigger times into the result
+    double dSpace;        ///< pixels
+    Time dTime;           ///< ticks
+    std::uint64_t nPxMin; ///< inclusive
+    std::uint64_t nPxMax; ///< inclusive
+    double weightMin;     ///< inclusive, on the quantity the algorithm bounds
+    double weightMax;     ///< inclusive
+    bool TDC1;            ///< carry the TDC1 trigger times into the result
 };
 
 /// `dSpace` as the whole-pixel distance of the circular space test: truncated toward zero. Values without a

@@ -27,7 +27,8 @@ struct NoClusterObserver {
 namespace detail {
 
 /// Photon acceptance: all four bounds inclusive; a NaN weight bound accepts nothing.
-[[nodiscard]] inline bool accept_chain(const PixelActivationChain& chain, double quantity,
+[[nodiscard]] inline bool accept_chain(const PixelActivationChain& chain,
+                                       double quantity,
                                        const ReconstructionParameters_PhotonEvents& parameters) noexcept {
     return parameters.nPxMin <= chain.nPx && chain.nPx <= parameters.nPxMax && parameters.weightMin <= quantity &&
            quantity <= parameters.weightMax;
@@ -45,10 +46,8 @@ namespace detail {
 [[nodiscard]] inline PhotonResult assemble_result(std::vector<PhotonEvent_type>&& photonEvents,
                                                   const Data_Tpx3Spidr& data,
                                                   const ReconstructionParameters_PhotonEvents& parameters) {
-    std::optional<std::vector<Time>> triggers;
-    if (parameters.TDC1) {
-        triggers.emplace(data.get_tdc1Triggers());
-    }
+    auto triggers = parameters.TDC1 ? std::optional<std::vector<Time>>(std::in_place, data.get_tdc1Triggers())
+                                    : std::optional<std::vector<Time>>();
     return PhotonResult(std::move(photonEvents), std::move(triggers));
 }
 
@@ -61,7 +60,8 @@ inline std::vector<PhotonEvent_type> reserved_photonList(std::size_t n) {
 }
 
 template <typename Mark, typename Observer>
-PhotonResult fullChain_direct(const Data_Tpx3Spidr& data, const ReconstructionParameters_PhotonEvents& parameters,
+PhotonResult fullChain_direct(const Data_Tpx3Spidr& data,
+                              const ReconstructionParameters_PhotonEvents& parameters,
                               Observer& observer) {
     const std::size_t N = data.size();
     std::vector<PhotonEvent_type> photons = reserved_photonList(N);

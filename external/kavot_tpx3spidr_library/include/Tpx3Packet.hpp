@@ -22,7 +22,9 @@ constexpr std::uint64_t type_pixel = 0xB;
 constexpr std::uint64_t type_tdc = 0x6;
 constexpr std::uint64_t type_globalTime = 0x4;
 
-[[nodiscard]] constexpr std::uint64_t packetType(std::uint64_t word) noexcept { return word >> type_shift; }
+[[nodiscard]] constexpr std::uint64_t packetType(std::uint64_t word) noexcept {
+    return word >> type_shift;
+}
 
 // Pixel packet (type 0xB):
 //   63-60 type | 59-53 dcol | 52-47 spix | 46-44 pix | 43-30 ToA | 29-20 ToT | 19-16 FToA | 15-0 spidr time

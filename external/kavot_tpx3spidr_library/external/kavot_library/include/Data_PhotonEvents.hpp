@@ -14,7 +14,8 @@ struct Data_PhotonEvents {
     using time_type = decltype(std::declval<PhotonEventType>().toa);
 
     /// Takes over both lists; the caller's vectors are left empty (a present optional stays present).
-    Data_PhotonEvents(std::vector<PhotonEventType>&& photonEvents_, std::optional<std::vector<time_type>>&& extTriggers_)
+    Data_PhotonEvents(std::vector<PhotonEventType>&& photonEvents_,
+                      std::optional<std::vector<time_type>>&& extTriggers_)
         : photonEvents(std::move(photonEvents_)) {
         photonEvents_.clear();
         if (extTriggers_) {

@@ -147,7 +147,8 @@ public:
         [[nodiscard]] const char* get_identifier() const override { return identifier; }
 
     private:
-        static std::vector<std::unique_ptr<IO_Block>> withBuildInfo(std::vector<std::unique_ptr<IO_Block>>&& contentBlocks) {
+        static std::vector<std::unique_ptr<IO_Block>>
+        withBuildInfo(std::vector<std::unique_ptr<IO_Block>>&& contentBlocks) {
             std::vector<std::unique_ptr<IO_Block>> all;
             all.reserve(contentBlocks.size() + 1);
             all.push_back(std::make_unique<IO_BuildInfo>());

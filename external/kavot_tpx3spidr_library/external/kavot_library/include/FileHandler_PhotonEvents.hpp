@@ -18,7 +18,10 @@ namespace kavot {
 
 /// The photon event file: a "photons" block of records (x, y as `lengthBytes` each, time as `timeBytes`) and,
 /// when the run used external triggers, an "extTrigs" block of times.
-template <typename LengthType, typename TimeType, std::size_t lengthBytes, std::size_t timeBytes,
+template <typename LengthType,
+          typename TimeType,
+          std::size_t lengthBytes,
+          std::size_t timeBytes,
           std::uint64_t fileTypeIndex>
 class FileHandler_PhotonEvents
     : public FileHandler_KavotData<fileTypeIndex, Data_PhotonEvents<PhotonEvent<LengthType, TimeType>>> {
@@ -111,8 +114,8 @@ public:
                 std::vector<TimeType> triggers;
                 triggers.reserve(header.size_content / trigger_bytes);
                 read_records<trigger_bytes>(stream, header.size_content / trigger_bytes, [&](const char* record) {
-                    triggers.emplace_back(
-                        static_cast<typename TimeType::rep_type>(signExtend<timeBytes>(load_littleEndian<timeBytes>(record))));
+                    triggers.emplace_back(static_cast<typename TimeType::rep_type>(
+                        signExtend<timeBytes>(load_littleEndian<timeBytes>(record))));
                 });
                 extTriggers = std::move(triggers);
                 continue;
@@ -128,8 +131,8 @@ public:
             read_records<photonRecord_bytes>(stream, header.size_content / photonRecord_bytes, [&](const char* record) {
                 photons.emplace_back(LengthType(static_cast<typename LengthType::rep_type>(
                                          signExtend<lengthBytes>(load_littleEndian<lengthBytes>(record)))),
-                                     LengthType(static_cast<typename LengthType::rep_type>(
-                                         signExtend<lengthBytes>(load_littleEndian<lengthBytes>(record + lengthBytes)))),
+                                     LengthType(static_cast<typename LengthType::rep_type>(signExtend<lengthBytes>(
+                                         load_littleEndian<lengthBytes>(record + lengthBytes)))),
                                      TimeType(static_cast<typename TimeType::rep_type>(signExtend<timeBytes>(
                                          load_littleEndian<timeBytes>(record + 2 * lengthBytes)))));
             });

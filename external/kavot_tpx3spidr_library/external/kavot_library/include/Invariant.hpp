@@ -15,5 +15,5 @@ namespace kavot {
 } // namespace kavot
 
 /// `text` is the condition as the reader should see it in the failure message.
-#define KAVOT_INVARIANT(condition, text)                                                                            \
+#define KAVOT_INVARIANT(condition, text)                                                                               \
     ((condition) ? static_cast<void>(0) : ::kavot::invariant_failed(text, __FILE__, __LINE__, __func__))

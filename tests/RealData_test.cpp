@@ -1,0 +1,124 @@
+// Real recordings: decoded in both time modes and checked against an independent count of their packets.
+// Skipped with a message when the folder of recordings is not there.
+
+#include <filesystem>
+#include <map>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Data_Tpx3Spidr.hpp"
+#include "TestSupport.hpp"
+
+using namespace kavot_tpx3spidr;
+
+namespace {
+
+struct Counts {
+    std::size_t pixels = 0;
+    std::size_t tdc = 0;
+    std::size_t globalHigh = 0;
+};
+
+/// Counts packet types with a plain byte-wise walk, independent of the decoder's code.
+Counts countPackets(const std::string& bytes) {
+    Counts counts;
+    std::size_t at = 0;
+    while (at + 8 <= bytes.size()) {
+        const auto size = static_cast<unsigned char>(bytes[at + 6]) | static_cast<unsigned char>(bytes[at + 7]) << 8;
+        at += 8;
+        for (std::size_t w = 0; w < static_cast<std::size_t>(size) / 8; ++w, at += 8) {
+            const auto top = static_cast<unsigned char>(bytes[at + 7]);
+            counts.pixels += (top >> 4) == 0xB;
+            counts.tdc += (top >> 4) == 0x6;
+            counts.globalHigh += top == 0x45;
+        }
+    }
+    return counts;
+}
+
+std::vector<std::filesystem::path> recordings() {
+    std::vector<std::filesystem::path> files;
+    const std::filesystem::path dir = KAVOT_TEST_DATA_DIR;
+    if (std::filesystem::is_directory(dir)) {
+        for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+            if (entry.path().extension() == ".tpx3") {
+                files.push_back(entry.path());
+            }
+        }
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+template <bool useGlobalTime>
+void checkDecoded(const std::filesystem::path& file, const Counts& counts) {
+    SCOPED_TRACE(useGlobalTime ? "global time" : "raw time");
+    const auto data = Data_Tpx3Spidr::make_from_file_tpx3spidr<useGlobalTime>(file.string());
+    ASSERT_EQ(data.size(), counts.pixels);
+    ASSERT_EQ(data.get_tdc1Triggers().size(), counts.tdc);
+    for (std::size_t k = 0; k < data.size(); ++k) {
+        ASSERT_GE(data[k].get_x_px(), 0);
+        ASSERT_LE(data[k].get_x_px(), 255);
+        ASSERT_GE(data[k].get_y_px(), 0);
+        ASSERT_LE(data[k].get_y_px(), 255);
+        ASSERT_LE(data[k].get_tot(), 1023);
+        if (k > 0) {
+            ASSERT_LE(data[k - 1].get_toa(), data[k].get_toa());
+        }
+    }
+    // Every algorithm places every hit; the photon count cannot exceed the hit count.
+    const ReconstructionParameters_PhotonEvents p{2.0, Time(64), 2, 200, 1.0, 5000.0, true};
+    EXPECT_LE(reconstruct_photonEvents_fullChain_direct(data, p).photonEvents.size(), data.size() / 2);
+    EXPECT_LE(reconstruct_photonEvents_checkNextOnly(data, p).photonEvents.size(), data.size() / 2);
+    EXPECT_LE(reconstruct_photonEvents_forwardChain_pixelBuildup(data, p).photonEvents.size(), data.size() / 2);
+}
+
+} // namespace
+
+TEST(RealData, RecordingsDecodeInBothTimeModes) {
+    const auto files = recordings();
+    if (files.empty()) {
+        GTEST_SKIP() << "no real recordings in " << KAVOT_TEST_DATA_DIR << "; set KAVOT_TEST_DATA_DIR to run this test";
+    }
+    for (const auto& file : files) {
+        SCOPED_TRACE(file.filename().string());
+        const std::string bytes = testsupport::readFile(file.string());
+        const Counts counts = countPackets(bytes);
+        checkDecoded<false>(file, counts);
+        if (counts.globalHigh > 0) {
+            checkDecoded<true>(file, counts);
+        } else {
+            EXPECT_THROW(Data_Tpx3Spidr::make_from_file_tpx3spidr<true>(file.string()), std::invalid_argument);
+        }
+    }
+}
+
+TEST(RealData, KnownRecordingsHaveTheirDocumentedPacketCounts) {
+    const std::filesystem::path dir = KAVOT_TEST_DATA_DIR;
+    struct Case {
+        const char* name;
+        std::size_t pixels, tdc;
+    };
+    const Case cases[] = {
+        {"Tantalum_IronPowder.tpx3", 505721, 100},
+        {"suann_socket_background_serval32.tpx3", 98548, 28800},
+        {"greg_220ms_TDC_GDC_enabled_20230214_3.tpx3", 365, 13291},
+        {"Example_1kHz_5frames.tpx3", 34, 21632},
+        {"rollover_test_data.tpx3", 26, 0},
+    };
+    std::size_t found = 0;
+    for (const auto& c : cases) {
+        if (!std::filesystem::exists(dir / c.name)) {
+            continue;
+        }
+        ++found;
+        SCOPED_TRACE(c.name);
+        const auto data = Data_Tpx3Spidr::make_from_file_tpx3spidr<false>((dir / c.name).string());
+        EXPECT_EQ(data.size(), c.pixels);
+        EXPECT_EQ(data.get_tdc1Triggers().size(), c.tdc);
+    }
+    if (found == 0) {
+        GTEST_SKIP() << "none of the known recordings is in " << KAVOT_TEST_DATA_DIR;
+    }
+}

@@ -1,0 +1,288 @@
+// The three clustering algorithms at their limits, and their properties on random data.
+
+#include <cmath>
+#include <map>
+#include <random>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Data_Tpx3Spidr.hpp"
+#include "Reconstruction_switch.hpp"
+
+using namespace kavot_tpx3spidr;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+
+namespace {
+
+struct Hit {
+    short x, y;
+    long toa;
+    std::uint16_t tot;
+};
+
+Data_Tpx3Spidr dataOf(const std::vector<Hit>& hits, std::vector<Time> triggers = {}) {
+    std::vector<PixelActivation> activations;
+    for (const auto& h : hits) {
+        activations.emplace_back(h.x, h.y, Time(h.toa), h.tot);
+    }
+    return Data_Tpx3Spidr(std::move(activations), std::move(triggers));
+}
+
+ReconstructionParameters_PhotonEvents settings(double dSpace = 2.0,
+                                               long dTime = 64,
+                                               std::uint64_t nPxMin = 1,
+                                               std::uint64_t nPxMax = 200,
+                                               double weightMin = 1.0,
+                                               double weightMax = 5000.0) {
+    return {dSpace, Time(dTime), nPxMin, nPxMax, weightMin, weightMax, false};
+}
+
+PhotonEvent_type photon(double x_px, double y_px, long toa) {
+    return PhotonEvent_type(Length(static_cast<int>(x_px * 65536)), Length(static_cast<int>(y_px * 65536)), Time(toa));
+}
+
+using Algorithm = PhotonResult (*)(const Data_Tpx3Spidr&,
+                                   const ReconstructionParameters_PhotonEvents&,
+                                   NoClusterObserver&&);
+const Algorithm fullChain = [](const Data_Tpx3Spidr& d,
+                               const ReconstructionParameters_PhotonEvents& p,
+                               NoClusterObserver&&) { return reconstruct_photonEvents_fullChain_direct(d, p); };
+const Algorithm checkNext = [](const Data_Tpx3Spidr& d,
+                               const ReconstructionParameters_PhotonEvents& p,
+                               NoClusterObserver&&) { return reconstruct_photonEvents_checkNextOnly(d, p); };
+const Algorithm forwardChain =
+    [](const Data_Tpx3Spidr& d, const ReconstructionParameters_PhotonEvents& p, NoClusterObserver&&) {
+        return reconstruct_photonEvents_forwardChain_pixelBuildup(d, p);
+    };
+
+std::vector<PhotonEvent_type>
+run(Algorithm algorithm, const std::vector<Hit>& hits, const ReconstructionParameters_PhotonEvents& parameters) {
+    return algorithm(dataOf(hits), parameters, NoClusterObserver{}).photonEvents;
+}
+
+/// The number of clusters of two hits: 1 when linked, 2 when not (all clusters accepted).
+std::size_t clustersOfPair(Algorithm algorithm, Hit a, Hit b, const ReconstructionParameters_PhotonEvents& p) {
+    return run(algorithm, {a, b}, p).size();
+}
+
+} // namespace
+
+TEST(Reconstruction, PairsAtTheSpaceAndTimeLimits) {
+    struct Case {
+        const char* what;
+        Hit a, b;
+        double dSpace;
+        long dTime;
+        std::size_t fullChain, checkNext, forwardChain;
+    };
+    const Case cases[] = {
+        {"distance exactly d, dt exactly dTime", {10, 10, 0, 0}, {12, 10, 64, 0}, 2.0, 64, 1, 2, 1},
+        {"dt one tick inside", {10, 10, 0, 0}, {11, 10, 63, 0}, 2.0, 64, 1, 1, 1},
+        {"dt one tick beyond", {10, 10, 0, 0}, {10, 10, 65, 0}, 2.0, 64, 2, 2, 2},
+        {"distance sqrt 5", {10, 10, 0, 0}, {12, 11, 0, 0}, 2.0, 64, 2, 2, 2},
+        {"diagonal neighbour", {10, 10, 0, 0}, {11, 11, 0, 0}, 2.0, 64, 1, 1, 1},
+        {"2.9 truncates to 2 for circles", {10, 10, 0, 0}, {12, 11, 0, 0}, 2.9, 64, 2, 1, 2},
+        {"2.5 square reaches (2, 2)", {10, 10, 0, 0}, {12, 12, 0, 0}, 2.5, 64, 2, 1, 2},
+        {"1.5 square equals 2.0 square", {10, 10, 0, 0}, {12, 10, 0, 0}, 1.5, 64, 2, 2, 2},
+        {"0.5 same pixel only", {10, 10, 0, 0}, {10, 10, 5, 0}, 0.5, 64, 1, 1, 1},
+        {"0.5 next pixel", {10, 10, 0, 0}, {11, 10, 5, 0}, 0.5, 64, 2, 2, 2},
+        {"-1.5 acts as 1 for circles", {10, 10, 0, 0}, {11, 10, 0, 0}, -1.5, 64, 1, 2, 1},
+        {"dSpace 0", {10, 10, 0, 0}, {10, 10, 0, 0}, 0.0, 64, 1, 2, 1},
+        {"dTime 0 same time", {10, 10, 0, 0}, {10, 10, 0, 0}, 2.0, 0, 1, 2, 1},
+        {"negative dTime", {10, 10, 0, 0}, {10, 10, 0, 0}, 2.0, -1, 2, 2, 2},
+        {"NaN dSpace: same pixel for circles, nothing for squares", {10, 10, 0, 0}, {10, 10, 0, 0}, NAN, 64, 1, 2, 1},
+        {"huge dSpace saturates", {0, 0, 0, 0}, {255, 255, 0, 0}, 1e9, 64, 1, 1, 1},
+        {"huge negative dSpace saturates", {0, 0, 0, 0}, {255, 255, 0, 0}, -1e9, 64, 1, 2, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        const auto p = settings(c.dSpace, c.dTime);
+        EXPECT_EQ(clustersOfPair(fullChain, c.a, c.b, p), c.fullChain);
+        EXPECT_EQ(clustersOfPair(checkNext, c.a, c.b, p), c.checkNext);
+        EXPECT_EQ(clustersOfPair(forwardChain, c.a, c.b, p), c.forwardChain);
+    }
+}
+
+TEST(Reconstruction, CentroidIsTheWeightedMeanTruncatedWithoutHalfPixelOffset) {
+    // Weights 1 and 3: x = (3 * 1 + 4 * 3) / 4 = 3.75 px; time of the first hit.
+    const std::vector<Hit> hits{{3, 5, 100, 0}, {4, 5, 110, 2}};
+    for (const Algorithm algorithm : {fullChain, checkNext, forwardChain}) {
+        const auto photons = run(algorithm, hits, settings());
+        ASSERT_EQ(photons.size(), 1u);
+        EXPECT_EQ(photons[0], photon(3.75, 5, 100));
+    }
+    // Three equal weights on x = 0, 0, 1: 65536 / 3 = 21845.33, truncated.
+    const auto third = run(fullChain, {{0, 7, 0, 4}, {0, 7, 1, 4}, {1, 7, 2, 4}}, settings());
+    ASSERT_EQ(third.size(), 1u);
+    EXPECT_EQ(third[0].x.get_value(), 21845);
+    EXPECT_EQ(third[0].y.get_value(), 7 * 65536);
+    // A ToT of 65535 weighs 65536, not 0.
+    const auto heavy = run(fullChain, {{0, 0, 0, 65535}, {2, 0, 0, 0}}, settings(2, 64, 1, 200, 1, 1e6));
+    ASSERT_EQ(heavy.size(), 1u);
+    EXPECT_EQ(heavy[0].x.get_value(), static_cast<int>((2ULL << 16) / 65537));
+}
+
+TEST(Reconstruction, AcceptanceBoundsAreInclusive) {
+    const std::vector<Hit> pair{{5, 5, 0, 1}, {5, 6, 1, 1}}; // two hits, weight 4, mean weight 2
+    struct Case {
+        std::uint64_t nPxMin, nPxMax;
+        double weightMin, weightMax;
+        bool accepted;
+    };
+    const Case cases[] = {
+        {2, 2, 4, 4, true},      {3, 200, 1, 5000, false}, {1, 1, 1, 5000, false},     {1, 200, 4.5, 5000, false},
+        {1, 200, 1, 3.5, false}, {3, 1, 1, 5000, false},   {1, 200, NAN, 5000, false}, {1, 200, 1, NAN, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.nPxMin << " " << c.nPxMax << " " << c.weightMin << " " << c.weightMax);
+        const auto p = settings(2.0, 64, c.nPxMin, c.nPxMax, c.weightMin, c.weightMax);
+        EXPECT_EQ(run(fullChain, pair, p).size(), c.accepted ? 1u : 0u);
+        EXPECT_EQ(run(forwardChain, pair, p).size(), c.accepted ? 1u : 0u);
+    }
+    // checkNextOnly bounds the truncated mean: weights 1, 1, 2 give 4 / 3 = 1, below 1.5.
+    const std::vector<Hit> three{{1, 1, 0, 0}, {1, 1, 1, 0}, {1, 1, 2, 1}};
+    EXPECT_TRUE(run(checkNext, three, settings(2.0, 64, 1, 200, 1.5, 5000)).empty());
+    EXPECT_EQ(run(checkNext, three, settings(2.0, 64, 1, 200, 1.0, 1.0)).size(), 1u);
+    EXPECT_EQ(run(fullChain, three, settings(2.0, 64, 1, 200, 4.0, 4.0)).size(), 1u);
+}
+
+TEST(Reconstruction, FullChainTestsACandidateOnceWhenTheScanReachesIt) {
+    // P, Q, R within dTime; Q neighbours only R, R neighbours P: R joins P, Q was tested before and stays out.
+    const std::vector<Hit> hits{{0, 0, 0, 0}, {4, 0, 1, 0}, {2, 0, 2, 0}};
+    EXPECT_EQ(run(fullChain, hits, settings()), (std::vector{photon(1, 0, 0), photon(4, 0, 1)}));
+    // The forward chain places Q and R looking backwards: R joins the most recent neighbour, Q.
+    EXPECT_EQ(run(forwardChain, hits, settings()), (std::vector{photon(0, 0, 0), photon(3, 0, 1)}));
+}
+
+TEST(Reconstruction, FullChainHorizonFollowsTheLatestMember) {
+    const std::vector<Hit> chain{{0, 0, 0, 0}, {1, 0, 60, 0}, {2, 0, 124, 0}, {3, 0, 189, 0}};
+    EXPECT_EQ(run(fullChain, chain, settings()), (std::vector{photon(1, 0, 0), photon(3, 0, 189)}));
+    // A member taken by an earlier cluster does not end the scan.
+    const std::vector<Hit> interleaved{{0, 0, 0, 0}, {100, 0, 1, 0}, {101, 0, 2, 0}, {1, 0, 3, 0}};
+    EXPECT_EQ(run(fullChain, interleaved, settings()), (std::vector{photon(0.5, 0, 0), photon(100.5, 0, 1)}));
+}
+
+TEST(Reconstruction, FullChainReusesTheNumberOfARejectedCluster) {
+    // Cluster 1 = {p0, p3} is rejected (weight 202 > 10). Cluster 2, seeded at p1, has the same number, so p3,
+    // marked by cluster 1 and later than p2, links p2 into cluster 2 without being counted in it.
+    const std::vector<Hit> hits{{0, 0, 0, 100}, {50, 50, 1, 0}, {4, 0, 2, 0}, {2, 0, 3, 100}};
+    const auto p = settings(2.0, 64, 2, 200, 1.0, 10.0);
+    EXPECT_EQ(run(fullChain, hits, p), (std::vector{photon(27, 25, 1)}));
+}
+
+TEST(Reconstruction, CheckNextOnlyCutsAtAnyForeignHit) {
+    const std::vector<Hit> hits{{10, 10, 0, 0}, {200, 200, 1, 0}, {11, 10, 2, 0}};
+    EXPECT_EQ(run(checkNext, hits, settings()).size(), 3u);
+    EXPECT_EQ(run(fullChain, hits, settings()).size(), 2u);
+    EXPECT_EQ(run(checkNext, {{1, 1, 0, 0}}, settings(2, 64, 2)).size(), 0u);
+}
+
+TEST(Reconstruction, ForwardChainJoinsTheMostRecentNeighbourAndNeverMerges) {
+    // (10,10), (100,100), (11,10): the third passes over the second and joins the first.
+    EXPECT_EQ(run(forwardChain, {{10, 10, 0, 0}, {100, 100, 1, 0}, {11, 10, 2, 0}}, settings()),
+              (std::vector{photon(10.5, 10, 0), photon(100, 100, 1)}));
+    // The last hit neighbours chain A (at 0,0) and chain B (at 4,0): it joins B, the most recent; A stays apart.
+    EXPECT_EQ(run(forwardChain, {{0, 0, 0, 0}, {4, 0, 1, 0}, {2, 0, 2, 0}}, settings()),
+              (std::vector{photon(0, 0, 0), photon(3, 0, 1)}));
+}
+
+TEST(Reconstruction, ResultCarriesTriggersOnlyWhenAsked) {
+    const std::vector<Time> triggers{Time(3), Time(1)};
+    for (const Algorithm algorithm : {fullChain, checkNext, forwardChain}) {
+        auto p = settings(2, 64, 5);
+        EXPECT_FALSE(algorithm(dataOf({{1, 1, 0, 0}}, triggers), p, {}).extTriggers.has_value());
+        p.TDC1 = true;
+        EXPECT_EQ(algorithm(dataOf({{1, 1, 0, 0}}, triggers), p, {}).extTriggers, triggers);
+        EXPECT_EQ(algorithm(dataOf({}), p, {}).extTriggers, std::vector<Time>{});
+        EXPECT_TRUE(algorithm(dataOf({}), p, {}).photonEvents.empty());
+    }
+}
+
+TEST(Reconstruction, DispatcherMatchesNamesExactly) {
+    Parameters parameters = [] {
+        char name[] = "vundrel";
+        char* argv[] = {name, nullptr};
+        return Parameters(1, argv);
+    }();
+    const auto p = settings();
+    const std::vector<Hit> hits{{1, 1, 0, 0}, {2, 1, 1, 0}, {100, 1, 2, 0}};
+    for (const char* name : {"default", "fullChain_direct", "checkNextOnly", "forwardChain_pixelBuildup"}) {
+        parameters.algorithm = name;
+        EXPECT_EQ(reconstruct_photonEvents_switchAlgoritms(dataOf(hits), parameters, p).photonEvents.size(), 2u)
+            << name;
+    }
+    for (const char* name : {"Default", "default ", "", "checkNextOnly\n"}) {
+        parameters.algorithm = name;
+        EXPECT_THAT([&] { reconstruct_photonEvents_switchAlgoritms(dataOf(hits), parameters, p); },
+                    ThrowsMessage<std::invalid_argument>(StrEq(std::string("Unrecognized algorithm") + name + "!")));
+    }
+    const auto defaults = make_reconstructionParameters(parameters);
+    EXPECT_EQ(defaults.dSpace, 2.0);
+    EXPECT_EQ(defaults.dTime, Time(64));
+    EXPECT_EQ(defaults.nPxMin, 2u);
+    EXPECT_EQ(defaults.nPxMax, 200u);
+    EXPECT_EQ(defaults.weightMin, 1.0);
+    EXPECT_EQ(defaults.weightMax, 5000.0);
+    EXPECT_FALSE(defaults.TDC1);
+}
+
+namespace {
+
+/// Records the cluster of every position.
+struct Assignment {
+    void assign(std::size_t position, std::size_t cluster) {
+        ++seen[position];
+        clusterOf[position] = cluster;
+    }
+    std::map<std::size_t, int> seen;
+    std::map<std::size_t, std::size_t> clusterOf;
+};
+
+std::vector<Hit> randomHits(std::mt19937_64& random, std::size_t n, long spread) {
+    std::vector<Hit> hits;
+    for (std::size_t i = 0; i < n; ++i) {
+        hits.push_back({static_cast<short>(random() % 24), static_cast<short>(random() % 24),
+                        static_cast<long>(random() % static_cast<std::uint64_t>(spread)),
+                        static_cast<std::uint16_t>(random() % 1024)});
+    }
+    return hits;
+}
+
+} // namespace
+
+TEST(Reconstruction, EveryHitJoinsExactlyOneClusterAndPhotonsAscendInTime) {
+    std::mt19937_64 random(5);
+    for (int round = 0; round < 30; ++round) {
+        const auto data = dataOf(randomHits(random, 400 + random() % 400, 2000 + static_cast<long>(random() % 20000)));
+        const auto p = settings(static_cast<double>(random() % 40) / 10.0 - 0.5, static_cast<long>(random() % 100),
+                                random() % 3, 2 + random() % 10, 1.0, 3000.0 + static_cast<double>(random() % 5000));
+        Assignment full, next, forward;
+        const auto results = {reconstruct_photonEvents_fullChain_direct(data, p, full),
+                              reconstruct_photonEvents_checkNextOnly(data, p, next),
+                              reconstruct_photonEvents_forwardChain_pixelBuildup(data, p, forward)};
+        for (const auto* assignment : {&full, &next, &forward}) {
+            ASSERT_EQ(assignment->seen.size(), data.size());
+            for (const auto& [position, times] : assignment->seen) {
+                ASSERT_EQ(times, 1) << "position " << position;
+            }
+        }
+        for (const auto& result : results) {
+            for (std::size_t k = 1; k < result.photonEvents.size(); ++k) {
+                ASSERT_LE(result.photonEvents[k - 1].toa, result.photonEvents[k].toa);
+            }
+        }
+        // checkNextOnly clusters are runs of consecutive positions.
+        for (std::size_t k = 1; k < data.size(); ++k) {
+            ASSERT_GE(next.clusterOf[k], next.clusterOf[k - 1]);
+            ASSERT_LE(next.clusterOf[k], next.clusterOf[k - 1] + 1);
+        }
+        // The narrow cluster numbers give the result of 64-bit ones.
+        NoClusterObserver none;
+        EXPECT_EQ(kavot_tpx3spidr::detail::fullChain_direct<std::uint32_t>(data, p, none).photonEvents,
+                  kavot_tpx3spidr::detail::fullChain_direct<std::uint64_t>(data, p, none).photonEvents);
+        EXPECT_EQ(reconstruct_photonEvents(data, p).photonEvents, results.begin()->photonEvents);
+    }
+}

@@ -1,0 +1,231 @@
+// Decoding of SPIDR packet streams built word by word, and of generated recordings.
+
+#include <random>
+#include <set>
+#include <tuple>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Data_Tpx3Spidr.hpp"
+#include "TestSupport.hpp"
+#include "Tpx3Generator.hpp"
+
+using namespace kavot_tpx3spidr;
+using namespace testsupport;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+
+namespace {
+
+template <bool useGlobalTime>
+Data_Tpx3Spidr decode(const std::vector<std::uint64_t>& words) {
+    return Data_Tpx3Spidr::make_from_data_tpx3spidr<useGlobalTime>(words.data(), words.size());
+}
+
+/// One chunk: a global timestamp of `reference` ticks (a multiple of 16), then `packets`.
+std::vector<std::uint64_t> withReference(std::uint64_t reference, std::vector<std::uint64_t> packets) {
+    const std::uint64_t units = reference / 16;
+    packets.insert(packets.begin(), {globalLow(units & 0xFFFFFFFF), globalHigh(units >> 32)});
+    return chunk(packets);
+}
+
+} // namespace
+
+TEST(Tpx3Decoder, DecodesPixelFieldsAndTheColumnCorrection) {
+    // dcol 97, spix 10, pix 0b101: x = 2 * 97 + 1 = 195, y = 4 * 10 + 1 = 41.
+    const std::uint64_t word = pixelFields(97, 10, 0b101, /*toa=*/3, /*tot=*/1023, /*ftoa=*/2, /*spidr=*/1);
+    const auto data = decode<false>(chunk({word}));
+    ASSERT_EQ(data.size(), 1u);
+    EXPECT_EQ(data[0].get_x_px(), 195);
+    EXPECT_EQ(data[0].get_y_px(), 41);
+    EXPECT_EQ(data[0].get_tot(), 1023);
+    EXPECT_EQ(data[0].get_toa(), Time((1 << 18) + 3 * 16 + (15 - 2) - 16));
+
+    struct Case {
+        std::uint64_t x;
+        long shift;
+    };
+    for (const Case c : {Case{193, 0}, Case{194, -16}, Case{203, -16}, Case{204, 0}, Case{0, 0}, Case{255, 0}}) {
+        SCOPED_TRACE(c.x);
+        const auto one = decode<false>(chunk({pixelWord(c.x, 255, 5000, 1)}));
+        EXPECT_EQ(one[0].get_x_px(), static_cast<short>(c.x));
+        EXPECT_EQ(one[0].get_y_px(), 255);
+        EXPECT_EQ(one[0].get_toa().get_value(), 5000 + c.shift);
+    }
+}
+
+TEST(Tpx3Decoder, DecodesTdcTimesOfEveryEventType) {
+    struct Case {
+        std::uint64_t coarse, fine, eventType;
+        long ticks;
+    };
+    const Case cases[] = {
+        {1, 1, 0xF, 2}, {1, 12, 0xA, 3},
+        {0, 1, 0xE, 0}, {0, 0, 0xB, 0}, // coarse 0 / fine 0 reads as 0
+        {1, 0, 0xF, 1}, {(1ULL << 35) - 1, 12, 0xF, static_cast<long>(((((1ULL << 35) - 1) * 12) + 11) / 6)},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.coarse << "/" << c.fine);
+        const auto data = decode<false>(chunk({tdcWord(c.coarse, c.fine, c.eventType)}));
+        ASSERT_EQ(data.get_tdc1Triggers().size(), 1u);
+        EXPECT_EQ(data.get_tdc1Triggers()[0].get_value(), c.ticks);
+    }
+}
+
+TEST(Tpx3Decoder, ExtendsTimesAroundTheFirstGlobalTimestamp) {
+    const std::uint64_t P = 1ULL << 34;
+    struct Case {
+        std::uint64_t reference;
+        std::uint64_t raw;
+        std::uint64_t x;
+        long expected;
+    };
+    const Case cases[] = {
+        {P + 160, 50, 0, static_cast<long>(P + 50)},
+        {P + 160, P - 10, 0, static_cast<long>(P - 10)},
+        {160, P - 10, 0, -10},
+        {160, 50, 0, 50},
+        {P / 2 + 16, 16, 0, 16},                  // the window [R - P/2, R + P/2) starts at 16
+        {P / 2 + 16, 0, 0, static_cast<long>(P)}, // upper half: earlier raw times are the next period
+        {P / 2 + 16, P / 2 + 32, 0, static_cast<long>(P / 2 + 32)},
+        {5 * P + P / 2, 0, 0, static_cast<long>(5 * P)},
+        {5 * P + P / 2, P - 1, 0, static_cast<long>(6 * P - 1)},
+        // Column correction below zero: extended like the raw time it is congruent to.
+        {5 * P + 32, 0, 194, static_cast<long>(5 * P - 16)},
+        {160, 0, 200, -16},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.reference << " " << c.raw);
+        const auto data = decode<true>(withReference(c.reference, {pixelWord(c.x, 0, c.raw, 0)}));
+        EXPECT_EQ(data[0].get_toa().get_value(), c.expected);
+        EXPECT_EQ(decode<false>(withReference(c.reference, {pixelWord(c.x, 0, c.raw, 0)}))[0].get_toa().get_value(),
+                  static_cast<long>(c.raw) - (c.x >= 194 && c.x <= 203 ? 16 : 0));
+    }
+    // TDC times use the 2^36 period: 2^36 - 2 ticks is just before a reference of 160 ticks.
+    const std::uint64_t tdc = ((1ULL << 36) - 2) / 2;
+    EXPECT_EQ(decode<true>(withReference(160, {tdcWord(tdc, 1)})).get_tdc1Triggers()[0].get_value(), -2);
+}
+
+TEST(Tpx3Decoder, OnlyTheFirstGlobalTimestampIsTheReferenceAndLowPartStartsAtZero) {
+    const std::uint64_t P = 1ULL << 34;
+    // A high part before any low part: the low part is 0, so the reference is 2^32 * 16 * 4 = 4 * 2^36.
+    const auto data = decode<true>(chunk({globalHigh(4), globalLow(7), globalHigh(9), pixelWord(0, 0, 32, 0)}));
+    EXPECT_EQ(data[0].get_toa().get_value(), static_cast<long>((4ULL << 36) + 32));
+    // Later timestamps and other packet types change nothing; subtypes other than 4 and 5 are skipped.
+    const auto skipped =
+        decode<true>(chunk({globalLow(10), 0x4600000000000000ULL, globalHigh(0), 0x7100000000000000ULL,
+                            0x5000000000000000ULL, globalLow(99), globalHigh(99), pixelWord(0, 0, P - 16, 0)}));
+    EXPECT_EQ(skipped.size(), 1u);
+    EXPECT_EQ(skipped[0].get_toa().get_value(), -16);
+}
+
+TEST(Tpx3Decoder, WalksChunksOfAnySize) {
+    std::vector<std::uint64_t> words = {chunkHeader(0), chunkHeader(12), pixelWord(1, 1, 1, 1)};
+    const auto sized12 = decode<false>(words); // 12 bytes: one packet word
+    EXPECT_EQ(sized12.size(), 1u);
+    EXPECT_EQ(decode<false>({}).size(), 0u);
+    EXPECT_EQ(decode<false>({chunkHeader(7)}).size(), 0u); // 7 / 8 = 0 packet words
+}
+
+TEST(Tpx3Decoder, StructuralErrorsAreFoundBeforeDecoding) {
+    struct Case {
+        std::vector<std::uint64_t> words;
+        std::string message;
+    };
+    const Case cases[] = {
+        {{chunkHeader(16), pixelWord(0, 0, 0, 0)}, "End of data reached before block is complete!"},
+        {{chunkHeader(8), pixelWord(0, 0, 0, 0), 0x33585055ULL}, "Invalid header entry!"},
+        {{pixelWord(0, 0, 0, 0)}, "Invalid header entry!"},
+        {{chunkHeader(65535)}, "End of data reached before block is complete!"},
+        // The header is checked before the size it would claim.
+        {{0x3358505400000000ULL | (0xFFFFULL << 48) | 1}, "Invalid header entry!"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.message);
+        EXPECT_THAT([&] { decode<false>(c.words); }, ThrowsMessage<std::logic_error>(StrEq(c.message)));
+        EXPECT_THAT([&] { decode<true>(c.words); }, ThrowsMessage<std::logic_error>(StrEq(c.message)));
+    }
+    EXPECT_THAT([] { decode<true>({}); },
+                ThrowsMessage<std::invalid_argument>(StrEq("Supplied file does not contain a global timestamp!")));
+    EXPECT_THAT(
+        [] {
+            decode<true>(chunk({globalLow(5), pixelWord(0, 0, 0, 0)}));
+        },
+        ThrowsMessage<std::invalid_argument>(StrEq("Supplied file does not contain a global timestamp!")));
+}
+
+TEST(Tpx3Decoder, FileErrorsHaveTheirMessages) {
+    const TempDir dir;
+    writeFile(dir / "twelve.tpx3", std::string(12, 'T'));
+    EXPECT_THAT([&] { Data_Tpx3Spidr::make_from_file_tpx3spidr<true>(dir / "twelve.tpx3"); },
+                ThrowsMessage<std::logic_error>(StrEq("File contains incomplete lines!")));
+    const std::string missing = dir / "missing.tpx3";
+    EXPECT_THAT([&] { Data_Tpx3Spidr::make_from_file_tpx3spidr<false>(missing); },
+                ThrowsMessage<std::invalid_argument>(StrEq("Unable to open file \"" + missing + "\" !")));
+    EXPECT_THAT([&] { Data_Tpx3Spidr::make_from_file_tpx3spidr<false>(dir.path.string()); },
+                ThrowsMessage<std::invalid_argument>(StrEq("Unable to open file \"" + dir.path.string() + "\" !")));
+    writeFile(dir / "empty.tpx3", "");
+    EXPECT_EQ(Data_Tpx3Spidr::make_from_file_tpx3spidr<false>(dir / "empty.tpx3").size(), 0u);
+    EXPECT_THAT([&] { Data_Tpx3Spidr::make_from_file_tpx3spidr<true>(dir / "empty.tpx3"); },
+                ThrowsMessage<std::invalid_argument>(StrEq("Supplied file does not contain a global timestamp!")));
+}
+
+TEST(Tpx3Decoder, RandomBytesGiveAnErrorOrAValidDataSet) {
+    std::mt19937_64 random(3);
+    for (int round = 0; round < 300; ++round) {
+        std::vector<std::uint64_t> words(1 + random() % 64);
+        for (auto& w : words) {
+            w = random();
+            if (random() % 3 == 0) { // make chunk headers likely, with small sizes
+                w = chunkHeader((random() % 16) * 8) | (random() & 0xFFFF00000000ULL);
+            }
+        }
+        try {
+            const auto data = decode<true>(words);
+            for (std::size_t k = 1; k < data.size(); ++k) {
+                EXPECT_LE(data[k - 1].get_toa(), data[k].get_toa());
+            }
+        } catch (const std::logic_error&) {
+            // One of the specified refusals: fine.
+        }
+    }
+}
+
+TEST(Tpx3Decoder, GeneratedRecordingsDecodeToTheGeneratedHits) {
+    struct Case {
+        const char* name;
+        tpx3gen::Settings settings;
+    };
+    tpx3gen::Settings ordered;
+    ordered.hits = 30000;
+    tpx3gen::Settings disordered = ordered;
+    disordered.disorder_seconds = 1e-6;
+    disordered.seed = 2;
+    tpx3gen::Settings reversed = ordered;
+    reversed.reverse = true;
+    tpx3gen::Settings longRun = ordered;
+    longRun.hitRate_perSecond = 100; // 30 s: beyond the 2^33-tick half period, repaired once
+    longRun.hits = 3000;
+    longRun.startTime_seconds = 30;
+    for (const auto& c : {Case{"ordered", ordered}, Case{"disordered", disordered}, Case{"reversed", reversed},
+                          Case{"long", longRun}}) {
+        SCOPED_TRACE(c.name);
+        const auto generated = tpx3gen::generate(c.settings);
+        const auto data = decode<true>(generated.words);
+        ASSERT_EQ(data.size(), generated.hits.size());
+        std::multiset<std::tuple<long, int, int, int>> expected, decoded;
+        for (const auto& hit : generated.hits) {
+            expected.emplace(generated.reference_ticks + hit.toa_ticks, hit.x, hit.y, hit.tot);
+        }
+        for (std::size_t k = 0; k < data.size(); ++k) {
+            decoded.emplace(data[k].get_toa().get_value(), data[k].get_x_px(), data[k].get_y_px(), data[k].get_tot());
+            if (k > 0) {
+                ASSERT_LE(data[k - 1].get_toa(), data[k].get_toa());
+            }
+        }
+        EXPECT_EQ(decoded, expected);
+        EXPECT_GT(data.get_tdc1Triggers().size(), 0u);
+    }
+}
