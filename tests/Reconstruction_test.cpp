@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <map>
+#include <optional>
 #include <random>
 #include <vector>
 
@@ -241,17 +242,85 @@ struct Assignment {
     std::map<std::size_t, std::size_t> clusterOf;
 };
 
-std::vector<Hit> randomHits(std::mt19937_64& random, std::size_t n, long spread) {
+std::vector<Hit> randomHits(std::mt19937_64& random, std::size_t n, long spread, std::uint64_t side = 24) {
     std::vector<Hit> hits;
     for (std::size_t i = 0; i < n; ++i) {
-        hits.push_back({static_cast<short>(random() % 24), static_cast<short>(random() % 24),
+        hits.push_back({static_cast<short>(random() % side), static_cast<short>(random() % side),
                         static_cast<long>(random() % static_cast<std::uint64_t>(spread)),
                         static_cast<std::uint16_t>(random() % 1024)});
     }
     return hits;
 }
 
+/// The full-chain search step by step as it is defined: optional cluster numbers, the link search walking its
+/// window from k0 up to the first position later than t_j + dTime.
+std::vector<PhotonEvent_type> referenceFullChain(const Data_Tpx3Spidr& data,
+                                                 const ReconstructionParameters_PhotonEvents& p) {
+    const std::size_t N = data.size();
+    std::vector<PhotonEvent_type> photons;
+    std::vector<std::optional<std::uint64_t>> clusterOfPixel(N);
+    const short d = spaceLimit_px(p.dSpace);
+    const long dT = p.dTime.get_value();
+    for (std::size_t i = 0; i < N; ++i) {
+        if (clusterOfPixel[i]) {
+            continue;
+        }
+        const std::uint64_t c = photons.size();
+        PixelActivationChain chain(data[i]);
+        clusterOfPixel[i] = c;
+        long horizon = data[i].get_toa().get_value() + dT;
+        for (std::size_t j = i + 1; j < N; ++j) {
+            const long tj = data[j].get_toa().get_value();
+            if (tj > horizon) {
+                break;
+            }
+            if (clusterOfPixel[j]) {
+                continue;
+            }
+            std::size_t k = j - 1;
+            while (k > i && data[k - 1].get_toa().get_value() >= tj - dT) {
+                --k;
+            }
+            bool link = false;
+            for (; k < N; ++k) {
+                if (data[k].get_toa().get_value() > tj + dT) {
+                    break;
+                }
+                if (clusterOfPixel[k] == c && PixelActivation::distSpace_smallerEqualThan(data[k], data[j], d)) {
+                    link = true;
+                    break;
+                }
+            }
+            if (link) {
+                chain.add_pixelActivation_notFirst(data[j]);
+                clusterOfPixel[j] = c;
+                horizon = std::max(horizon, tj + dT);
+            }
+        }
+        if (p.nPxMin <= chain.nPx && chain.nPx <= p.nPxMax && p.weightMin <= static_cast<double>(chain.weightSum) &&
+            static_cast<double>(chain.weightSum) <= p.weightMax) {
+            photons.push_back(kavot_tpx3spidr::detail::photonEvent_fromChain(chain));
+        }
+    }
+    return photons;
+}
+
 } // namespace
+
+TEST(Reconstruction, FullChainEqualsTheStepByStepSearch) {
+    std::mt19937_64 random(17);
+    for (int round = 0; round < 1500; ++round) {
+        // Dense hits on a few pixels: clusters touch, and rejected clusters leave marks beside later candidates.
+        const auto data =
+            dataOf(randomHits(random, 20 + random() % 200, 20 + static_cast<long>(random() % 2000), 2 + random() % 8));
+        // Bounds that reject many clusters, so that cluster numbers are often reused; negative and zero dTime.
+        const auto p = settings(static_cast<double>(random() % 30) / 10.0 - 0.5, static_cast<long>(random() % 80) - 4,
+                                random() % 3, random() % 5, static_cast<double>(random() % 40),
+                                static_cast<double>(random() % 3000));
+        ASSERT_EQ(reconstruct_photonEvents_fullChain_direct(data, p).photonEvents, referenceFullChain(data, p))
+            << "round " << round;
+    }
+}
 
 TEST(Reconstruction, EveryHitJoinsExactlyOneClusterAndPhotonsAscendInTime) {
     std::mt19937_64 random(5);

@@ -9,7 +9,7 @@ namespace kavot_tpx3spidr {
 /// One hit of one pixel: column, row, time of arrival and the raw time over threshold.
 class PixelActivation {
 public:
-    PixelActivation(short x_, short y_, Time toa_, std::uint16_t tot_) noexcept : x(x_), y(y_), toa(toa_), tot(tot_) {}
+    PixelActivation(short x_, short y_, Time toa_, std::uint16_t tot_) noexcept : x(x_), y(y_), tot(tot_), toa(toa_) {}
 
     [[nodiscard]] const short& get_x_px() const noexcept { return x; }
     [[nodiscard]] const short& get_y_px() const noexcept { return y; }
@@ -42,10 +42,14 @@ public:
     friend bool operator==(const PixelActivation&, const PixelActivation&) = default;
 
 private:
+    // Declared with tot before toa: the record packs into 16 bytes instead of 24, which every decoded hit pays
+    // for in fresh memory. Construction, accessors and comparisons are unaffected by the declaration order.
     short x;
     short y;
-    Time toa;
     std::uint16_t tot;
+    Time toa;
 };
+
+static_assert(sizeof(PixelActivation) == 16);
 
 } // namespace kavot_tpx3spidr

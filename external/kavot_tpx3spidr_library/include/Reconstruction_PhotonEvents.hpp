@@ -59,6 +59,14 @@ inline std::vector<PhotonEvent_type> reserved_photonList(std::size_t n) {
     return photons;
 }
 
+/// The full-chain search. A candidate at position j is linked when some position k in the window [k0, kend)
+/// carries the cluster number c and lies within d of it, where kend is the first position later than
+/// t_j + dTime and k0 is found by stepping back from j - 1 while k > i (the seed) and the position before k is
+/// not earlier than t_j - dTime. Only existence matters, so instead of walking the window the positions that carry
+/// c are tested against its bounds: k >= k0 holds exactly when k >= i and (k >= j - 1 or t_k >= t_j - dTime),
+/// since times do not decrease with the position; k < kend exactly when t_k <= t_j + dTime. Positions carrying c
+/// are the members of the current cluster and those of the rejected clusters just before it (a rejected cluster
+/// leaves its number to the next one); those before the seed can never be in a window again.
 template <typename Mark, typename Observer>
 PhotonResult fullChain_direct(const Data_Tpx3Spidr& data,
                               const ReconstructionParameters_PhotonEvents& parameters,
@@ -72,15 +80,24 @@ PhotonResult fullChain_direct(const Data_Tpx3Spidr& data,
     const short d = spaceLimit_px(parameters.dSpace);
     const long dT = parameters.dTime.get_value();
     std::size_t clusterOrdinal = 0;
+    std::vector<std::size_t> carryingC; // positions at or after the seed marked with the current number
+    Mark currentC = unmarked;
 
     for (std::size_t i = 0; i < N; ++i) {
         if (clusterOfPixel[i] != unmarked) {
             continue;
         }
         const Mark c = static_cast<Mark>(photons.size());
+        if (c != currentC) {
+            carryingC.clear();
+            currentC = c;
+        } else {
+            std::erase_if(carryingC, [i](std::size_t k) { return k < i; });
+        }
         const PixelActivation& seed = data[i];
         PixelActivationChain chain(seed);
         clusterOfPixel[i] = c;
+        carryingC.push_back(i);
         observer.assign(i, clusterOrdinal);
         long horizon = seed.get_toa().get_value() + dT;
 
@@ -93,19 +110,14 @@ PhotonResult fullChain_direct(const Data_Tpx3Spidr& data,
             if (clusterOfPixel[j] != unmarked) {
                 continue;
             }
-            // Links are looked for from the first position within dTime before the candidate (never before
-            // the seed) up to the last position within dTime after it.
-            std::size_t k = j - 1;
-            while (k > i && data[k - 1].get_toa().get_value() >= tj - dT) {
-                --k;
-            }
+            const long lower = tj - dT;
+            const long upper = tj + dT;
             bool linked = false;
-            for (; k < N; ++k) {
+            for (const std::size_t k : carryingC) {
                 const PixelActivation& other = data[k];
-                if (other.get_toa().get_value() > tj + dT) {
-                    break;
-                }
-                if (clusterOfPixel[k] == c && PixelActivation::distSpace_smallerEqualThan(other, candidate, d)) {
+                const long tk = other.get_toa().get_value();
+                if ((k + 1 >= j || tk >= lower) && tk <= upper &&
+                    PixelActivation::distSpace_smallerEqualThan(other, candidate, d)) {
                     linked = true;
                     break;
                 }
@@ -113,8 +125,9 @@ PhotonResult fullChain_direct(const Data_Tpx3Spidr& data,
             if (linked) {
                 chain.add_pixelActivation_notFirst(candidate);
                 clusterOfPixel[j] = c;
+                carryingC.push_back(j);
                 observer.assign(j, clusterOrdinal);
-                horizon = std::max(horizon, tj + dT);
+                horizon = std::max(horizon, upper);
             }
         }
         if (accept_chain(chain, static_cast<double>(chain.weightSum), parameters)) {

@@ -23,95 +23,110 @@ inline long wrapping_add(long a, long b) noexcept {
     return static_cast<long>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
 }
 
-/// Stable ascending order of `keys` by an LSD radix sort over the bits in which they differ: O(n) passes of
-/// 11 bits, independent of how disordered the input is.
-inline void radixOrder(const std::vector<PixelActivation>& pixelActivations, std::vector<std::size_t>& sorting) {
-    const std::size_t n = pixelActivations.size();
-    long minimum = pixelActivations[0].get_toa().get_value();
+/// Stable ascending sort by time: LSD radix over the bits in which the times differ, 11 bits a pass. Linear in
+/// n whatever the input order.
+inline void radixSort_byTime(std::vector<PixelActivation>& activations) {
+    const std::size_t n = activations.size();
+    if (n < 2) {
+        return;
+    }
+    long minimum = activations[0].get_toa().get_value();
     long maximum = minimum;
-    for (const auto& activation : pixelActivations) {
+    for (const auto& activation : activations) {
         minimum = std::min(minimum, activation.get_toa().get_value());
         maximum = std::max(maximum, activation.get_toa().get_value());
     }
-    const std::uint64_t span = static_cast<std::uint64_t>(maximum) - static_cast<std::uint64_t>(minimum);
-    struct Entry {
-        std::uint64_t key;
-        std::size_t position;
+    const auto key = [minimum](const PixelActivation& activation) {
+        return static_cast<std::uint64_t>(activation.get_toa().get_value()) - static_cast<std::uint64_t>(minimum);
     };
-    std::vector<Entry> entries(n);
-    std::vector<Entry> scratch(n);
-    for (std::size_t i = 0; i < n; ++i) {
-        entries[i] = {static_cast<std::uint64_t>(pixelActivations[i].get_toa().get_value()) -
-                          static_cast<std::uint64_t>(minimum),
-                      i};
-    }
+    const std::uint64_t span = static_cast<std::uint64_t>(maximum) - static_cast<std::uint64_t>(minimum);
     constexpr unsigned digitBits = 11;
     constexpr std::size_t buckets = std::size_t{1} << digitBits;
+    std::vector<PixelActivation> scratch;
+    scratch.reserve(n);
+    scratch.resize(n, activations[0]);
+    std::vector<std::size_t> offsets(buckets);
     for (unsigned shift = 0; shift < 64 && (span >> shift) != 0; shift += digitBits) {
-        std::vector<std::size_t> offsets(buckets + 1, 0);
-        for (const auto& entry : entries) {
-            ++offsets[((entry.key >> shift) & (buckets - 1)) + 1];
+        std::fill(offsets.begin(), offsets.end(), 0);
+        for (const auto& activation : activations) {
+            ++offsets[(key(activation) >> shift) & (buckets - 1)];
         }
-        for (std::size_t b = 1; b <= buckets; ++b) {
-            offsets[b] += offsets[b - 1];
+        std::size_t start = 0;
+        for (auto& offset : offsets) {
+            start += std::exchange(offset, start);
         }
-        for (const auto& entry : entries) {
-            scratch[offsets[(entry.key >> shift) & (buckets - 1)]++] = entry;
+        for (const auto& activation : activations) {
+            scratch[offsets[(key(activation) >> shift) & (buckets - 1)]++] = activation;
         }
-        entries.swap(scratch);
-    }
-    sorting.clear();
-    for (const auto& entry : entries) {
-        sorting.push_back(entry.position);
+        activations.swap(scratch);
     }
 }
 
 } // namespace detail
 
-/// Repairs one rollover of the pixel clock per activation and returns the positions of the activations in
-/// stable ascending time order.
+/// Builds the time order of activations that arrive in file order: each is repaired against the latest time so
+/// far and inserted behind every activation whose time is not later.
 ///
-/// The result is that of inserting the positions one by one in file order into a growing index (scanning back
-/// over strictly later times), where each activation is first compared with the latest time of the index: its
-/// last entry, which is the largest time so far. Two observations make it cheaper without changing it:
-///  - the largest time so far does not depend on where earlier activations were inserted, so all repairs can be
-///    made first in one pass with a running maximum;
-///  - inserting behind every entry of equal time is a stable sort by time, so any stable sort gives the same
-///    index. Insertion is kept for nearly ordered input, where it is linear; once the entries moved exceed a
-///    budget proportional to n, the index is rebuilt by a radix sort instead, so no input becomes quadratic.
-inline std::vector<std::size_t> build_timeOrder(std::vector<PixelActivation>& pixelActivations) {
-    const std::size_t n = pixelActivations.size();
-    std::vector<std::size_t> sorting;
-    sorting.reserve(n);
-    if (n == 0) {
-        return sorting;
-    }
-    long latest = pixelActivations[0].get_toa().get_value();
-    for (std::size_t i = 1; i < n; ++i) {
-        Time& toa = pixelActivations[i].get_toa();
+/// That is the definition of the order: a stable ascending sort by time, where an activation more than 2^33
+/// ticks behind the largest time so far gains one 2^34-tick period first. The largest time so far does not
+/// depend on where earlier activations were inserted, so it is a running maximum. Insertion is linear for the
+/// nearly ordered input of a real readout. Once the entries moved exceed a budget proportional to n, insertion
+/// stops and the remaining activations are only appended; `finish` then sorts everything with a stable radix
+/// sort. At that point the activations form a stably sorted prefix of file positions 0 to i - 1 followed by
+/// positions i to n - 1 in file order, so a stable sort of the whole keeps every tie in file order, as insertion
+/// would have. No input becomes quadratic.
+class TimeOrdering {
+public:
+    TimeOrdering(std::vector<PixelActivation>& activations_, std::size_t expected) noexcept
+        : activations(activations_), moveBudget(8 * expected + 4096) {}
+
+    /// Repairs and places the activation at position i, the next in file order; positions 0 to i - 1 hold the
+    /// activations placed so far.
+    void place(std::size_t i) noexcept {
+        Time& toa = activations[i].get_toa();
+        if (i == 0) {
+            latest = toa.get_value();
+            return;
+        }
         if (detail::wrapping_sub(latest, toa.get_value()) > rolloverThreshold_ticks) {
             toa = Time(detail::wrapping_add(toa.get_value(), rolloverPeriod_ticks));
         }
         latest = std::max(latest, toa.get_value());
-    }
-
-    const std::size_t moveBudget = 16 * n + 4096;
-    std::size_t moves = 0;
-    sorting.push_back(0);
-    for (std::size_t i = 1; i < n; ++i) {
-        const long toa = pixelActivations[i].get_toa().get_value();
-        std::size_t k = sorting.size();
-        while (k > 0 && pixelActivations[sorting[k - 1]].get_toa().get_value() > toa) {
+        if (insertionAbandoned || !(toa < activations[i - 1].get_toa())) {
+            return;
+        }
+        const PixelActivation moving = activations[i];
+        std::size_t k = i;
+        while (k > 0 && activations[k - 1].get_toa() > moving.get_toa()) {
+            activations[k] = activations[k - 1];
             --k;
         }
-        moves += sorting.size() - k;
-        if (moves > moveBudget) {
-            detail::radixOrder(pixelActivations, sorting);
-            return sorting;
-        }
-        sorting.insert(sorting.begin() + static_cast<std::ptrdiff_t>(k), i);
+        activations[k] = moving;
+        moves += i - k;
+        insertionAbandoned = moves > moveBudget;
     }
-    return sorting;
+
+    void finish() {
+        if (insertionAbandoned) {
+            detail::radixSort_byTime(activations);
+        }
+    }
+
+private:
+    std::vector<PixelActivation>& activations;
+    std::size_t moveBudget;
+    std::size_t moves = 0;
+    long latest = 0;
+    bool insertionAbandoned = false;
+};
+
+/// Repairs rollovers and puts activations given in file order into time order, in place (see `TimeOrdering`).
+inline void order_byTime(std::vector<PixelActivation>& activations) {
+    TimeOrdering ordering(activations, activations.size());
+    for (std::size_t i = 0; i < activations.size(); ++i) {
+        ordering.place(i);
+    }
+    ordering.finish();
 }
 
 } // namespace kavot_tpx3spidr
