@@ -1,10 +1,10 @@
 #include "Parameters.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <sstream>
 
 #include <rapidjson/document.h>
 #include <rapidjson/error/en.h>
@@ -138,22 +138,67 @@ void Parameters::print_license() const {
                stderr);
 }
 
+namespace {
+
+constexpr std::size_t maxNesting_levels = 1000;
+
+/// The deepest nesting of arrays and objects in a JSON text, brackets inside strings not counted. Used only to
+/// refuse absurd nesting before parsing: it does not validate the text, the parser does.
+std::size_t nestingDepth(const std::string& json) {
+    std::size_t depth = 0;
+    std::size_t deepest = 0;
+    bool inString = false;
+    for (std::size_t i = 0; i < json.size(); ++i) {
+        const char c = json[i];
+        if (inString) {
+            if (c == '\\') {
+                ++i; // the escaped character cannot end the string
+            } else if (c == '"') {
+                inString = false;
+            }
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            deepest = std::max(deepest, ++depth);
+        } else if ((c == ']' || c == '}') && depth > 0) {
+            --depth;
+        }
+    }
+    return deepest;
+}
+
+} // namespace
+
 void Parameters::read_parameterSettings_file(const std::string& path) {
+    // A parameter file is a small regular file. A stream without end (a device, a pipe that never closes) or a
+    // giant file would otherwise be read until memory runs out.
+    constexpr std::uintmax_t maxSize_bytes = std::uintmax_t{64} << 20;
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(path, error)) {
+        throw std::invalid_argument("Unable to open parameter file \"" + path + "\" !");
+    }
+    const std::uintmax_t size_bytes = std::filesystem::file_size(path, error);
+    if (error || size_bytes > maxSize_bytes) {
+        throw std::invalid_argument("Parameter file \"" + path + "\" is larger than 64 MiB!");
+    }
     std::ifstream stream(path, std::ios::in | std::ios::binary);
     if (!stream.is_open()) {
         throw std::invalid_argument("Unable to open parameter file \"" + path + "\" !");
     }
-    std::ostringstream text;
-    text << stream.rdbuf();
+    std::string json(static_cast<std::size_t>(size_bytes), '\0');
+    stream.read(json.data(), static_cast<std::streamsize>(json.size()));
     if (stream.bad()) {
         throw std::invalid_argument("Unable to read parameter file \"" + path + "\" !");
     }
-    const std::string json = text.str();
+    json.resize(static_cast<std::size_t>(stream.gcount())); // the file may have shrunk since its size was taken
 
-    // The iterative parser accepts exactly the documents of the default (recursive) one and reports the same
-    // errors; it keeps its nesting on the heap, so a deeply nested file cannot overflow the stack.
+    // The parser descends recursively; a file nested thousands of levels deep would exhaust the stack first.
+    if (nestingDepth(json) > maxNesting_levels) {
+        throw std::invalid_argument("Parameter file \"" + path + "\" is nested more than " +
+                                    std::to_string(maxNesting_levels) + " levels deep!");
+    }
     rapidjson::Document document;
-    document.Parse<rapidjson::kParseIterativeFlag>(json.c_str(), json.size());
+    document.Parse(json.c_str(), json.size());
     if (document.HasParseError()) {
         throw std::invalid_argument("Parameter file \"" + path +
                                     "\" is not valid JSON: " + rapidjson::GetParseError_En(document.GetParseError()) +

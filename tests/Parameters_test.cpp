@@ -203,14 +203,26 @@ TEST_F(ParametersTest, ParameterFileErrorsNameTheKeyOrTheFile) {
             StrEq("Parameter file \"" + array + "\" does not hold a JSON object at its root!")));
 }
 
-TEST_F(ParametersTest, DeeplyNestedParameterFileIsRefusedWithoutExhaustingTheStack) {
+TEST_F(ParametersTest, DeepNestingAndEndlessFilesAreRefusedBeforeParsing) {
     const std::string deep = json(std::string(1000000, '[') + std::string(1000000, ']'));
     EXPECT_THAT(
         [&] {
             parse({"-f", deep});
         },
         ThrowsMessage<std::invalid_argument>(
-            StrEq("Parameter file \"" + deep + "\" does not hold a JSON object at its root!")));
-    const std::string unclosed = json("{\"vundrel\": " + std::string(1000000, '['));
-    EXPECT_THROW(parse({"-f", unclosed}), std::invalid_argument);
+            StrEq("Parameter file \"" + deep + "\" is nested more than 1000 levels deep!")));
+    const std::string limit = json("{\"vundrel\": {\"a\": " + std::string(998, '[') + std::string(998, ']') + "}}");
+    EXPECT_EQ(parse({"-f", limit}).dSpace, 2.0) << "1000 levels are read";
+    const std::string quoted = json("{\"vundrel\": {\"algorithm\": \"" + std::string(5000, '[') + "\\\"{\"}}");
+    EXPECT_EQ(parse({"-f", quoted}).algorithm, std::string(5000, '[') + "\"{") << "brackets in strings do not nest";
+    EXPECT_THAT(
+        [] {
+            parse({"-f", "/dev/zero"});
+        },
+        ThrowsMessage<std::invalid_argument>(StrEq("Unable to open parameter file \"/dev/zero\" !")));
+    EXPECT_THAT(
+        [&] {
+            parse({"-f", dir.path.string()});
+        },
+        ThrowsMessage<std::invalid_argument>(StrEq("Unable to open parameter file \"" + dir.path.string() + "\" !")));
 }

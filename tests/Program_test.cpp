@@ -1,6 +1,7 @@
 // The program as a user runs it: exit status, standard output, standard error and the files it leaves.
 
 #include <filesystem>
+#include <random>
 #include <regex>
 #include <string>
 #include <vector>
@@ -299,4 +300,56 @@ TEST(Program, WritesTheImageBeforeThePhotonFile) {
         total += static_cast<std::uint32_t>(kavot::load_littleEndian<4>(image.data() + i));
     }
     EXPECT_EQ(total, PhotonFile().read_fromFile(dir / "out.kavotphot").photonEvents.size());
+}
+
+TEST(Program, HostileInputsEndWithOneClearErrorOrTheDefinedResult) {
+    const TempDir dir;
+    const std::string input = sampleFile(dir, 3000);
+    const std::string whole = readFile(input);
+    writeFile(dir / "truncated.tpx3", whole.substr(0, (whole.size() / 2) & ~std::size_t{7}));
+    writeFile(dir / "odd.tpx3", whole.substr(0, 13));
+    std::mt19937_64 random(9);
+    std::string noise(4096, '\0');
+    for (auto& byte : noise) {
+        byte = static_cast<char>(random());
+    }
+    writeFile(dir / "random.tpx3", noise);
+    std::filesystem::create_directory(dir / "folder.tpx3");
+    std::filesystem::create_symlink("/dev/zero", dir / "endless.tpx3");
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        std::string error; // empty: a complete run
+    };
+    const Case cases[] = {
+        {{"-i", "truncated.tpx3"}, 1, "End of data reached before block is complete!"},
+        {{"-i", "odd.tpx3"}, 1, "File contains incomplete lines!"},
+        {{"-i", "random.tpx3"}, 1, "Invalid header entry!"},
+        {{"-i", "folder.tpx3"}, 1, "Unable to open file \"folder.tpx3\" !"},
+        {{"-i", "endless.tpx3"}, 1, "Unable to open file \"endless.tpx3\" !"},
+        {{"-i", input, "-t", "inf"}, 1, "Value inf s out of range!"},
+        {{"-i", input, "-t", "-inf"}, 1, "Value -inf s out of range!"},
+        {{"-i", input, "-s", "nan"}, 0, ""},
+        {{"-i", input, "-s", "inf", "--algorithm", "forwardChain_pixelBuildup"}, 0, ""},
+        {{"-i", input, "-s", "-1e300", "--algorithm", "checkNextOnly"}, 0, ""},
+        {{"-i", input, "-t", "-1e-6"}, 0, ""},
+        {{"-i", input, "-m", "nan", "-M", "-inf"}, 0, ""},
+        {{"-i", input, "-k", "18446744073709551615", "-K", "0"}, 0, ""},
+        {{"-i", input, "-f", "/dev/zero"}, 1, "Unable to open parameter file \"/dev/zero\" !"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.args));
+        std::vector<std::string> args = c.args;
+        args.insert(args.end(), {"-o", "out.kavotphot", "--verbose", "1"});
+        std::filesystem::remove(dir / "out.kavotphot");
+        const auto result = vundrel(args, dir.path.string());
+        EXPECT_EQ(result.status, c.status);
+        if (c.error.empty()) {
+            EXPECT_THAT(result.err, IsEmpty());
+            EXPECT_NO_THROW((void)PhotonFile().read_fromFile(dir / "out.kavotphot"));
+        } else {
+            EXPECT_THAT(errors(result.err), ElementsAre(c.error));
+            EXPECT_FALSE(std::filesystem::exists(dir / "out.kavotphot"));
+        }
+    }
 }

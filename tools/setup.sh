@@ -2,7 +2,8 @@
 # Installs what building, testing and benchmarking need on Debian 12 (as root); only what is missing, so a
 # machine that has everything needs no network.
 set -euo pipefail
-packages=(g++ cmake make libgtest-dev libgmock-dev libbenchmark-dev rapidjson-dev libpng-dev clang-format time)
+packages=(g++ cmake make libgtest-dev libgmock-dev libbenchmark-dev rapidjson-dev libpng-dev clang-format time
+    clang-19 libclang-rt-19-dev)
 missing=()
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing+=("$package")
