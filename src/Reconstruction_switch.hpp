@@ -1,10 +1,40 @@
 #pragma once
 
+#include <stdexcept>
+#include <string>
+
 #include "Data_Tpx3Spidr.hpp"
 #include "Parameters.hpp"
 
-/// Runs the clustering algorithm that `parameters.algorithm` names ("default" and "fullChain_direct",
-/// "checkNextOnly", "forwardChain_pixelBuildup"); any other name is refused before anything runs.
+/// The clustering algorithms by name: "default" and "fullChain_direct" are one algorithm.
+enum class Algorithm { fullChain_direct, checkNextOnly, forwardChain_pixelBuildup };
+
+/// The algorithm a name stands for; any other name (compared byte for byte) is refused with
+/// "Unrecognized algorithm" directly followed by the name and "!".
+Algorithm algorithm_fromName(const std::string& name);
+
+/// Runs the chosen algorithm over a sequence of activations in time order, into a photon sink.
+template <typename Sequence, typename Sink>
+void reconstruct_photonEvents_into(Algorithm algorithm,
+                                   Sequence& sequence,
+                                   const kavot_tpx3spidr::ReconstructionParameters_PhotonEvents& parameters,
+                                   Sink& sink) {
+    kavot_tpx3spidr::NoClusterObserver observer;
+    switch (algorithm) {
+    case Algorithm::fullChain_direct:
+        kavot_tpx3spidr::detail::fullChain_direct(sequence, parameters, sink, observer);
+        break;
+    case Algorithm::checkNextOnly:
+        kavot_tpx3spidr::detail::checkNextOnly(sequence, parameters, sink, observer);
+        break;
+    case Algorithm::forwardChain_pixelBuildup:
+        kavot_tpx3spidr::detail::forwardChain_pixelBuildup(sequence, parameters, sink, observer);
+        break;
+    }
+}
+
+/// Runs the clustering algorithm that `parameters.algorithm` names; an unknown name is refused before anything
+/// runs.
 kavot_tpx3spidr::PhotonResult reconstruct_photonEvents_switchAlgoritms(
     kavot_tpx3spidr::Data_Tpx3Spidr data,
     Parameters parameters,

@@ -45,27 +45,28 @@ PhotonEvent_type photon(double x_px, double y_px, long toa) {
     return PhotonEvent_type(Length(static_cast<int>(x_px * 65536)), Length(static_cast<int>(y_px * 65536)), Time(toa));
 }
 
-using Algorithm = PhotonResult (*)(const Data_Tpx3Spidr&,
-                                   const ReconstructionParameters_PhotonEvents&,
-                                   NoClusterObserver&&);
-const Algorithm fullChain = [](const Data_Tpx3Spidr& d,
-                               const ReconstructionParameters_PhotonEvents& p,
-                               NoClusterObserver&&) { return reconstruct_photonEvents_fullChain_direct(d, p); };
-const Algorithm checkNext = [](const Data_Tpx3Spidr& d,
-                               const ReconstructionParameters_PhotonEvents& p,
-                               NoClusterObserver&&) { return reconstruct_photonEvents_checkNextOnly(d, p); };
-const Algorithm forwardChain =
+using AlgorithmFunction = PhotonResult (*)(const Data_Tpx3Spidr&,
+                                           const ReconstructionParameters_PhotonEvents&,
+                                           NoClusterObserver&&);
+const AlgorithmFunction fullChain = [](const Data_Tpx3Spidr& d,
+                                       const ReconstructionParameters_PhotonEvents& p,
+                                       NoClusterObserver&&) { return reconstruct_photonEvents_fullChain_direct(d, p); };
+const AlgorithmFunction checkNext = [](const Data_Tpx3Spidr& d,
+                                       const ReconstructionParameters_PhotonEvents& p,
+                                       NoClusterObserver&&) { return reconstruct_photonEvents_checkNextOnly(d, p); };
+const AlgorithmFunction forwardChain =
     [](const Data_Tpx3Spidr& d, const ReconstructionParameters_PhotonEvents& p, NoClusterObserver&&) {
         return reconstruct_photonEvents_forwardChain_pixelBuildup(d, p);
     };
 
-std::vector<PhotonEvent_type>
-run(Algorithm algorithm, const std::vector<Hit>& hits, const ReconstructionParameters_PhotonEvents& parameters) {
+std::vector<PhotonEvent_type> run(AlgorithmFunction algorithm,
+                                  const std::vector<Hit>& hits,
+                                  const ReconstructionParameters_PhotonEvents& parameters) {
     return algorithm(dataOf(hits), parameters, NoClusterObserver{}).photonEvents;
 }
 
 /// The number of clusters of two hits: 1 when linked, 2 when not (all clusters accepted).
-std::size_t clustersOfPair(Algorithm algorithm, Hit a, Hit b, const ReconstructionParameters_PhotonEvents& p) {
+std::size_t clustersOfPair(AlgorithmFunction algorithm, Hit a, Hit b, const ReconstructionParameters_PhotonEvents& p) {
     return run(algorithm, {a, b}, p).size();
 }
 
@@ -110,7 +111,7 @@ TEST(Reconstruction, PairsAtTheSpaceAndTimeLimits) {
 TEST(Reconstruction, CentroidIsTheWeightedMeanTruncatedWithoutHalfPixelOffset) {
     // Weights 1 and 3: x = (3 * 1 + 4 * 3) / 4 = 3.75 px; time of the first hit.
     const std::vector<Hit> hits{{3, 5, 100, 0}, {4, 5, 110, 2}};
-    for (const Algorithm algorithm : {fullChain, checkNext, forwardChain}) {
+    for (const AlgorithmFunction algorithm : {fullChain, checkNext, forwardChain}) {
         const auto photons = run(algorithm, hits, settings());
         ASSERT_EQ(photons.size(), 1u);
         EXPECT_EQ(photons[0], photon(3.75, 5, 100));
@@ -192,7 +193,7 @@ TEST(Reconstruction, ForwardChainJoinsTheMostRecentNeighbourAndNeverMerges) {
 
 TEST(Reconstruction, ResultCarriesTriggersOnlyWhenAsked) {
     const std::vector<Time> triggers{Time(3), Time(1)};
-    for (const Algorithm algorithm : {fullChain, checkNext, forwardChain}) {
+    for (const AlgorithmFunction algorithm : {fullChain, checkNext, forwardChain}) {
         auto p = settings(2, 64, 5);
         EXPECT_FALSE(algorithm(dataOf({{1, 1, 0, 0}}, triggers), p, {}).extTriggers.has_value());
         p.TDC1 = true;

@@ -7,3 +7,4 @@
 #include "ReconstructionParameters_PhotonEvents.hpp"
 #include "Reconstruction_PhotonEvents.hpp"
 #include "Tpx3DataSet.hpp"
+#include "Tpx3HitStream.hpp"

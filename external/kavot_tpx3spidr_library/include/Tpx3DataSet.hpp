@@ -43,10 +43,14 @@ void for_eachChunk_tpx3(const std::uint64_t* data, std::size_t size, OnChunk&& o
 }
 
 /// The first pass: validates the chunk structure and counts pixel and TDC packets. Every structural error of
-/// the stream is found here, before anything is decoded.
-inline Tpx3Census census_tpx3(const std::uint64_t* data, std::size_t size) {
+/// the stream is found here, before anything is decoded. `consumed(wordIndex)` is told, now and then, that the
+/// words before that index have been read.
+template <typename Consumed>
+Tpx3Census census_tpx3(const std::uint64_t* data, std::size_t size, Consumed&& consumed) {
     Tpx3Census census;
     std::uint64_t latestLow = 0;
+    constexpr std::size_t reportEvery_words = std::size_t{1} << 22;
+    std::size_t nextReport = reportEvery_words;
     for_eachChunk_tpx3(data, size, [&](const std::uint64_t* first, const std::uint64_t* last) {
         for (const std::uint64_t* p = first; p != last; ++p) {
             const std::uint64_t word = *p;
@@ -72,8 +76,16 @@ inline Tpx3Census census_tpx3(const std::uint64_t* data, std::size_t size) {
                 break;
             }
         }
+        if (static_cast<std::size_t>(last - data) >= nextReport) {
+            consumed(static_cast<std::size_t>(last - data));
+            nextReport = static_cast<std::size_t>(last - data) + reportEvery_words;
+        }
     });
     return census;
+}
+
+inline Tpx3Census census_tpx3(const std::uint64_t* data, std::size_t size) {
+    return census_tpx3(data, size, [](std::size_t) {});
 }
 
 /// Turns raw packet times into the data set's time scale: extended around the first global timestamp, or raw.
