@@ -7,6 +7,6 @@ out=${2:-out/example}
 mkdir -p "$out"
 "$build/tools/tpx3gen" -o "$out/sample.tpx3" --hits 2000000 --rate 1e7 --disorder 2e-7 --seed 1
 "$build/vundrel" -i "$out/sample.tpx3" -o "$out/sample.kavotphot" --photImgPath "$out/sample_counts.raw" -T
-"$build/tools/kavotphot_inspect" summary "$out/sample.kavotphot"
-"$build/tools/kavotphot_inspect" png "$out/sample_counts.raw" "$out/sample_counts.png" 4
+"$build/tools/kavotphot_info" summary "$out/sample.kavotphot"
+"$build/tools/kavotphot_info" png "$out/sample_counts.raw" "$out/sample_counts.png" 4
 echo "example: photon file, raw image and a PNG of it are in $out/"

@@ -20,10 +20,10 @@ using PhotonFile = kavot::FileHandler_PhotonEvents<Length, Time, 4, 8, 2>;
 
 const char* const usage =
     "Usage:\n"
-    "  kavotphot_inspect summary FILE.kavotphot     photon and trigger counts, time and x/y range\n"
-    "  kavotphot_inspect csv FILE.kavotphot         photons as CSV on standard output:\n"
+    "  kavotphot_info summary FILE.kavotphot     photon and trigger counts, time and x/y range\n"
+    "  kavotphot_info csv FILE.kavotphot         photons as CSV on standard output:\n"
     "                                               x_px,y_px,toa_s,toa_ticks\n"
-    "  kavotphot_inspect png INPUT OUT.png [BIN]    render a .kavotphot file or a raw photon count\n"
+    "  kavotphot_info png INPUT OUT.png [BIN]    render a .kavotphot file or a raw photon count\n"
     "                                               image (2048 x 2048) to a PNG, BIN x BIN bins\n"
     "                                               per PNG pixel (default 1)\n";
 
@@ -108,7 +108,7 @@ int main(int argc, char** argv) {
         std::fputs(usage, stderr);
         return 1;
     } catch (const std::exception& error) {
-        std::cerr << "kavotphot_inspect: " << error.what() << "\n";
+        std::cerr << "kavotphot_info: " << error.what() << "\n";
         return 1;
     }
 }
