@@ -260,20 +260,29 @@ void run_processingSequence_streaming(const Parameters& parameters,
         image.emplace(Length(imageResolution_raw));
     }
     StreamingSink sink{photonFile ? &*photonFile : nullptr, image ? &*image : nullptr, 0};
-    if (parameters.useGlobalTime) {
-        stream_reconstruction<true>(file, census, algorithm, reconstruction, sink);
-    } else {
-        stream_reconstruction<false>(file, census, algorithm, reconstruction, sink);
-    }
-    if (photonFile && reconstruction.TDC1) {
-        photonFile->beginTriggers(census.tdcCount);
-        const auto onTrigger = [&](Time trigger) { photonFile->pushTrigger(trigger); };
-        file.restart_dropping();
+    try {
         if (parameters.useGlobalTime) {
-            for_eachTdcTrigger_tpx3<true>(words, size, census, onTrigger, consumed);
+            stream_reconstruction<true>(file, census, algorithm, reconstruction, sink);
         } else {
-            for_eachTdcTrigger_tpx3<false>(words, size, census, onTrigger, consumed);
+            stream_reconstruction<false>(file, census, algorithm, reconstruction, sink);
         }
+        if (photonFile && reconstruction.TDC1) {
+            photonFile->beginTriggers(census.tdcCount);
+            const auto onTrigger = [&](Time trigger) { photonFile->pushTrigger(trigger); };
+            file.restart_dropping();
+            if (parameters.useGlobalTime) {
+                for_eachTdcTrigger_tpx3<true>(words, size, census, onTrigger, consumed);
+            } else {
+                for_eachTdcTrigger_tpx3<false>(words, size, census, onTrigger, consumed);
+            }
+        }
+    } catch (...) {
+        // The in-memory run would not have reached its output file: none is left.
+        if (photonFile) {
+            photonFile.reset();
+            removeIfRegular(output);
+        }
+        throw;
     }
 
     if (image) {
