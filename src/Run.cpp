@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -349,9 +350,13 @@ int run_vundrel(int argc, char** argv) {
         } else {
             run_processingSequence_inMemory(*parameters, *reconstruction, start);
         }
+    } catch (const std::bad_alloc&) {
+        // A recording too far from time order to stream is ordered in memory, which a large one may not fit.
+        logging<LogLevel::error>("Not enough memory to process \"" + *parameters->inputFile + "\" !");
+        return 1;
     } catch (const std::exception& error) {
         // The run's failures are std::logic_error and its kin; file system failures while creating the output
-        // directory and exhausted memory are other exceptions, and they are reported the same way.
+        // directory are other exceptions, and they are reported the same way.
         logging<LogLevel::error>(error.what());
         return 1;
     }
