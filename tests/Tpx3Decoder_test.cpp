@@ -188,7 +188,7 @@ TEST(Tpx3Decoder, RandomBytesGiveAnErrorOrAValidDataSet) {
                 EXPECT_LE(data[k - 1].get_toa(), data[k].get_toa());
             }
         } catch (const std::logic_error&) {
-            // One of the specified refusals: fine.
+            // One of the decoder's refusals: fine.
         }
     }
 }
