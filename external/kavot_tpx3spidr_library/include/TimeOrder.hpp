@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <utility>
 #include <vector>
 
@@ -65,6 +66,27 @@ inline void radixSort_byTime(std::vector<PixelActivation>& activations) {
 
 } // namespace detail
 
+/// The rollover repair of times taken in file order: a time more than 2^33 ticks behind the largest time so far
+/// gains one 2^34-tick period, once; the first time is never repaired.
+class RolloverRepair {
+public:
+    void apply(Time& toa) noexcept {
+        if (first) {
+            first = false;
+        } else if (detail::wrapping_sub(latest, toa.get_value()) > rolloverThreshold_ticks) {
+            toa = Time(detail::wrapping_add(toa.get_value(), rolloverPeriod_ticks));
+        }
+        latest = std::max(latest, toa.get_value());
+    }
+
+    /// The largest repaired time so far.
+    [[nodiscard]] long get_latest() const noexcept { return latest; }
+
+private:
+    long latest = std::numeric_limits<long>::min();
+    bool first = true;
+};
+
 /// Builds the time order of activations that arrive in file order: each is repaired against the latest time so
 /// far and inserted behind every activation whose time is not later.
 ///
@@ -85,15 +107,8 @@ public:
     /// activations placed so far.
     void place(std::size_t i) noexcept {
         Time& toa = activations[i].get_toa();
-        if (i == 0) {
-            latest = toa.get_value();
-            return;
-        }
-        if (detail::wrapping_sub(latest, toa.get_value()) > rolloverThreshold_ticks) {
-            toa = Time(detail::wrapping_add(toa.get_value(), rolloverPeriod_ticks));
-        }
-        latest = std::max(latest, toa.get_value());
-        if (insertionAbandoned || !(toa < activations[i - 1].get_toa())) {
+        repair.apply(toa);
+        if (i == 0 || insertionAbandoned || !(toa < activations[i - 1].get_toa())) {
             return;
         }
         const PixelActivation moving = activations[i];
@@ -117,7 +132,7 @@ private:
     std::vector<PixelActivation>& activations;
     std::size_t moveBudget;
     std::size_t moves = 0;
-    long latest = 0;
+    RolloverRepair repair;
     bool insertionAbandoned = false;
 };
 

@@ -96,22 +96,15 @@ private:
         consumed(cursor);
         if (cursor >= size) {
             releaseWhile(std::numeric_limits<long>::max());
-        } else if (decoded > 0 && latest >= std::numeric_limits<long>::min() + window) {
-            releaseWhile(latest - window);
+        } else if (decoded > 0 && repair.get_latest() >= std::numeric_limits<long>::min() + window) {
+            releaseWhile(repair.get_latest() - window);
         }
         return true;
     }
 
     void add(PixelActivation activation) {
         Time& toa = activation.get_toa();
-        if (decoded == 0) {
-            latest = toa.get_value();
-        } else {
-            if (detail::wrapping_sub(latest, toa.get_value()) > rolloverThreshold_ticks) {
-                toa = Time(detail::wrapping_add(toa.get_value(), rolloverPeriod_ticks));
-            }
-            latest = std::max(latest, toa.get_value());
-        }
+        repair.apply(toa);
         ++decoded;
         if (anyReleased && toa.get_value() < lastReleased) {
             throw ReorderWindowExceeded();
@@ -150,7 +143,7 @@ private:
     std::function<void(std::size_t)> consumed;
     std::size_t cursor = 0; ///< word index of the next chunk header
     std::size_t decoded = 0;
-    long latest = 0;
+    RolloverRepair repair;
     /// Activations from position `base` on: released up to `releasedEnd`, then pending, each part in order.
     std::vector<PixelActivation> buffer;
     std::size_t base = 0;
