@@ -1,8 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "PixelActivation.hpp"
+#include "PixelActivationChain.hpp"
 
 using kavot_tpx3spidr::PixelActivation;
+using kavot_tpx3spidr::PixelActivationChain;
 using kavot_tpx3spidr::Time;
 
 namespace {
@@ -52,4 +53,25 @@ TEST(PixelActivation, ToaIsModifiableInPlace) {
     EXPECT_EQ(a.get_tot(), 1023);
     EXPECT_EQ(a.get_x_px(), 1);
     EXPECT_EQ(a.get_y_px(), 2);
+}
+
+TEST(PixelActivationChain, SumsWeightsAndKeepsTheStrictlyEarliestTime) {
+    PixelActivationChain chain(PixelActivation(2, 3, Time(10), 0));            // weight 1
+    chain.add_pixelActivation(PixelActivation(4, 1, Time(7), 2));              // weight 3, earlier: the chain's time
+    chain.add_pixelActivation_notFirst(PixelActivation(0, 0, Time(1), 65535)); // weight 65536, time ignored
+    EXPECT_EQ(chain.nPx, 3u);
+    EXPECT_EQ(chain.weightSum, 65540u);
+    EXPECT_EQ(chain.xWeightedSum, 2u + 12u);
+    EXPECT_EQ(chain.yWeightedSum, 3u + 3u);
+    EXPECT_EQ(chain.toa, Time(7));
+
+    PixelActivationChain later(PixelActivation(1, 1, Time(7), 4)); // equal time: not strictly earlier
+    later.add_chain(chain);
+    EXPECT_EQ(later.nPx, 4u);
+    EXPECT_EQ(later.weightSum, 65545u);
+    EXPECT_EQ(later.xWeightedSum, 5u + 14u);
+    EXPECT_EQ(later.toa, Time(7));
+    PixelActivationChain earliest(PixelActivation(1, 1, Time(-3), 0));
+    later.add_chain(earliest);
+    EXPECT_EQ(later.toa, Time(-3));
 }

@@ -26,10 +26,6 @@ public:
         return items[offset];
     }
 
-    void push_back(const T& value) { items.push_back(value); }
-    [[nodiscard]] std::size_t end() const noexcept { return base + items.size(); }
-    [[nodiscard]] const T& operator[](std::size_t position) const { return items[position - base]; }
-
     /// Drops the positions before `position`. The kept values move to the front only when the dropped part is
     /// large and at least half of the table, so every value moves a bounded number of times.
     void discardBefore(std::size_t position) {
