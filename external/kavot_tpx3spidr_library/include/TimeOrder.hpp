@@ -70,17 +70,21 @@ inline void radixSort_byTime(std::vector<PixelActivation>& activations) {
 /// gains one 2^34-tick period, once; the first time is never repaired.
 class RolloverRepair {
 public:
+    /// A time that follows others whose largest is `latest`, repaired.
+    [[nodiscard]] static long repaired(long latest, long toa) noexcept {
+        return detail::wrapping_sub(latest, toa) > rolloverThreshold_ticks
+                   ? detail::wrapping_add(toa, rolloverPeriod_ticks)
+                   : toa;
+    }
+
     void apply(Time& toa) noexcept {
         if (first) {
             first = false;
-        } else if (detail::wrapping_sub(latest, toa.get_value()) > rolloverThreshold_ticks) {
-            toa = Time(detail::wrapping_add(toa.get_value(), rolloverPeriod_ticks));
+        } else {
+            toa = Time(repaired(latest, toa.get_value()));
         }
         latest = std::max(latest, toa.get_value());
     }
-
-    /// The largest repaired time so far.
-    [[nodiscard]] long get_latest() const noexcept { return latest; }
 
 private:
     long latest = std::numeric_limits<long>::min();
