@@ -399,14 +399,6 @@ TEST(Reconstruction, EveryHitJoinsExactlyOneClusterAndPhotonsAscendInTime) {
             ASSERT_GE(next.clusterOf[k], next.clusterOf[k - 1]);
             ASSERT_LE(next.clusterOf[k], next.clusterOf[k - 1] + 1);
         }
-        // The narrow cluster numbers give the result of 64-bit ones.
-        DataSetSequence sequence(data);
-        VectorPhotonSink narrow(0);
-        VectorPhotonSink wide(0);
-        NoClusterObserver none;
-        kavot_tpx3spidr::detail::fullChain_direct<std::uint32_t>(sequence, p, narrow, none);
-        kavot_tpx3spidr::detail::fullChain_direct<std::uint64_t>(sequence, p, wide, none);
-        EXPECT_EQ(narrow.photons, wide.photons);
         EXPECT_EQ(reconstruct_photonEvents(data, p).photonEvents, results.begin()->photonEvents);
     }
 }

@@ -79,98 +79,112 @@ namespace detail {
     return PhotonResult(std::move(photonEvents), std::move(triggers));
 }
 
-/// The full-chain search. A candidate at position j is linked when some position k in the window [k0, kend)
-/// carries the cluster number c and lies within d of it, where kend is the first position later than
-/// t_j + dTime and k0 is found by stepping back from j - 1 while k > i (the seed) and the position before k is
-/// not earlier than t_j - dTime. Only existence matters, so instead of walking the window the positions that carry
-/// c are tested against its bounds: k >= k0 holds exactly when k >= i and (k >= j - 1 or t_k >= t_j - dTime),
-/// since times do not decrease with the position; k < kend exactly when t_k <= t_j + dTime. Positions carrying c
-/// are the members of the current cluster and those of the rejected clusters just before it (a rejected cluster
-/// leaves its number to the next one); those before the seed can never be in a window again, and neither can
-/// any other position before the seed, so the sequence and the marks are only kept from the seed on.
-template <typename Mark, typename Sequence, typename Sink, typename Observer>
+/// The full-chain search, with the same result as the step-by-step description below, but less work.
+///
+/// Described step by step: every position carries an optional cluster number; seeds are taken in ascending
+/// position, skipping marked ones; a seed i opens cluster number c (the number of photons accepted so far, so a
+/// rejected cluster leaves its number to the next one) and marks itself; each later unmarked candidate j up to
+/// the first one later than the horizon (latest member's time + dTime) is linked when some position k in the
+/// window [k0, kend) carries c and lies within d of it, where kend is the first position later than
+/// t_j + dTime and k0 is found by stepping back from j - 1 while k > i and the position before k is not earlier
+/// than t_j - dTime; a linked candidate is marked with c.
+///
+/// What this implementation does instead, and why it is the same:
+///  - Only existence of such a k matters, so the positions that carry c are tested against the window's bounds
+///    instead of walking the window: k >= k0 holds exactly when k >= i and (k >= j - 1 or t_k >= t_j - dTime),
+///    since times do not decrease with the position; k < kend exactly when t_k <= t_j + dTime. The clause
+///    k >= j - 1 adds nothing: a candidate is only tested while t_j <= horizon = t_m + dTime for the cluster's
+///    latest member m, which lies before j, so t_(j-1) >= t_m >= t_j - dTime. Positions carrying c are the
+///    members of the current cluster and those of the rejected clusters just before it; the ones before the
+///    seed can never be in a window again. They are kept in `members` with their time and pixel, so the test
+///    reads no table, and it is evaluated without a branch per condition.
+///  - Apart from that, the cluster number of a position is only ever tested for being set, so one flag per
+///    position is kept. The seed's own flag is never read again (later seeds and candidates lie after it).
+///  - The next seed is the first candidate of this scan that stayed unmarked, if any: every position between
+///    lies in the scan and was marked before or by it. Otherwise the search for it starts at the position that
+///    ended the scan.
+///  - Positions before the seed are never read again, so the sequence and the flags are only kept from it on.
+template <typename Sequence, typename Sink, typename Observer>
 void fullChain_direct(Sequence& sequence,
                       const ReconstructionParameters_PhotonEvents& parameters,
                       Sink& sink,
                       Observer& observer) {
-    // The cluster number of a position, or `unmarked`. Cluster numbers count accepted photons, so they stay
-    // below the number of activations and fit the narrowest type that can also hold the `unmarked` value.
-    constexpr Mark unmarked = std::numeric_limits<Mark>::max();
-    SlidingTable<Mark> clusterOfPixel(unmarked);
-    const short d = spaceLimit_px(parameters.dSpace);
+    enum class Mark : std::uint8_t { free, taken }; // not a character type: its stores alias nothing else
+    SlidingTable<Mark> marks(Mark::free);
+    const std::int64_t d = spaceLimit_px(parameters.dSpace);
+    const std::int64_t dSquared = d * d;
     const long dT = parameters.dTime.get_value();
-    std::size_t accepted = 0;
+    struct Member {
+        long toa;
+        std::int64_t x;
+        std::int64_t y;
+        std::size_t position;
+    };
+    std::vector<Member> members; // positions at or after the seed that carry the current cluster number
+    bool previousAccepted = true;
     std::size_t clusterOrdinal = 0;
-    std::vector<std::size_t> carryingC; // positions at or after the seed marked with the current number
-    Mark currentC = unmarked;
-
-    for (std::size_t i = 0; sequence.has(i); ++i) {
-        sequence.discardBefore(i);
-        clusterOfPixel.discardBefore(i);
-        if (clusterOfPixel.get(i) != unmarked) {
-            continue;
+    std::size_t i = 0;
+    for (;;) {
+        while (sequence.has(i) && marks.get(i) == Mark::taken) {
+            ++i;
         }
-        const Mark c = static_cast<Mark>(accepted);
-        if (c != currentC) {
-            carryingC.clear();
-            currentC = c;
+        if (!sequence.has(i)) {
+            break;
+        }
+        sequence.discardBefore(i);
+        marks.discardBefore(i);
+        if (previousAccepted) {
+            members.clear();
         } else {
-            std::erase_if(carryingC, [i](std::size_t k) { return k < i; });
+            std::erase_if(members, [i](const Member& member) { return member.position < i; });
         }
         const PixelActivation seed = sequence[i];
         PixelActivationChain chain(seed);
-        clusterOfPixel.at(i) = c;
-        carryingC.push_back(i);
+        members.push_back({seed.get_toa().get_value(), seed.get_x_px(), seed.get_y_px(), i});
         observer.assign(i, clusterOrdinal);
         long horizon = seed.get_toa().get_value() + dT;
+        std::size_t nextSeed = 0; // none yet: no seed lies at position 0 after the first
 
-        for (std::size_t j = i + 1; sequence.has(j); ++j) {
+        std::size_t j = i + 1;
+        for (; sequence.has(j); ++j) {
             const PixelActivation candidate = sequence[j];
             const long tj = candidate.get_toa().get_value();
             if (tj > horizon) {
                 break;
             }
-            if (clusterOfPixel.get(j) != unmarked) {
+            if (marks.get(j) == Mark::taken) {
                 continue;
             }
             const long lower = tj - dT;
             const long upper = tj + dT;
+            const std::int64_t xj = candidate.get_x_px();
+            const std::int64_t yj = candidate.get_y_px();
             bool linked = false;
-            for (const std::size_t k : carryingC) {
-                const PixelActivation& other = sequence[k];
-                const long tk = other.get_toa().get_value();
-                if ((k + 1 >= j || tk >= lower) && tk <= upper &&
-                    PixelActivation::distSpace_smallerEqualThan(other, candidate, d)) {
+            for (const Member& member : members) {
+                const std::int64_t dx = member.x - xj;
+                const std::int64_t dy = member.y - yj;
+                if (static_cast<int>(member.toa >= lower) & static_cast<int>(member.toa <= upper) &
+                    static_cast<int>(dx * dx + dy * dy <= dSquared)) {
                     linked = true;
                     break;
                 }
             }
             if (linked) {
                 chain.add_pixelActivation_notFirst(candidate);
-                clusterOfPixel.at(j) = c;
-                carryingC.push_back(j);
+                marks.at(j) = Mark::taken;
+                members.push_back({tj, xj, yj, j});
                 observer.assign(j, clusterOrdinal);
                 horizon = std::max(horizon, upper);
+            } else if (nextSeed == 0) {
+                nextSeed = j;
             }
         }
-        if (accept_chain(chain, static_cast<double>(chain.weightSum), parameters)) {
+        previousAccepted = accept_chain(chain, static_cast<double>(chain.weightSum), parameters);
+        if (previousAccepted) {
             sink.push(photonEvent_fromChain(chain));
-            ++accepted;
         }
         ++clusterOrdinal;
-    }
-}
-
-/// Runs the full-chain search with cluster numbers as narrow as the number of activations allows.
-template <typename Sequence, typename Sink, typename Observer>
-void fullChain_direct(Sequence& sequence,
-                      const ReconstructionParameters_PhotonEvents& parameters,
-                      Sink& sink,
-                      Observer& observer) {
-    if (sequence.sizeHint() < std::numeric_limits<std::uint32_t>::max()) {
-        fullChain_direct<std::uint32_t>(sequence, parameters, sink, observer);
-    } else {
-        fullChain_direct<std::uint64_t>(sequence, parameters, sink, observer);
+        i = nextSeed != 0 ? nextSeed : j;
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <vector>
 
@@ -21,7 +22,9 @@ public:
     T& at(std::size_t position) {
         const std::size_t offset = position - base;
         if (offset >= items.size()) {
-            items.resize(offset + 1, fill);
+            // Grown in steps, not by the one position a scan has just reached: positions are written in
+            // ascending order, and a resize per position would cost a call each.
+            items.resize(std::max(offset + 1, 2 * items.size() + 64), fill);
         }
         return items[offset];
     }
