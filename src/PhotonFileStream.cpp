@@ -1,5 +1,6 @@
 #include "PhotonFileStream.hpp"
 
+#include <algorithm>
 #include <cerrno>
 
 #include <fcntl.h>
@@ -38,7 +39,7 @@ bool writeAll(int fd, const char* bytes, std::size_t n, off_t* at = nullptr) {
 } // namespace
 
 PhotonFileStream::PhotonFileStream(int fd_) : fd(fd_) {
-    buffer.reserve(bufferSize_bytes);
+    buffer.resize(bufferSize_bytes);
     reset();
 }
 
@@ -49,7 +50,7 @@ PhotonFileStream::~PhotonFileStream() {
 }
 
 void PhotonFileStream::reset() {
-    buffer.clear();
+    used = 0;
     photons = 0;
     triggers = 0;
     withTriggers = false;
@@ -66,15 +67,6 @@ void PhotonFileStream::reset() {
     std::copy_n(PhotonFile::IO_PhotonEvents::identifier, 8, header + 48);
     kavot::store_littleEndian<8>(header + 56, 0); // photon block size: filled in by finish
     append(header, sizeof header);
-}
-
-void PhotonFileStream::push(const PhotonEvent_type& photon) {
-    char record[16];
-    kavot::store_littleEndian<4>(record, static_cast<std::uint64_t>(photon.x.get_value()));
-    kavot::store_littleEndian<4>(record + 4, static_cast<std::uint64_t>(photon.y.get_value()));
-    kavot::store_littleEndian<8>(record + 8, static_cast<std::uint64_t>(photon.toa.get_value()));
-    append(record, sizeof record);
-    ++photons;
 }
 
 void PhotonFileStream::beginTriggers(std::uint64_t count) {
@@ -109,15 +101,16 @@ bool PhotonFileStream::finish() {
 }
 
 void PhotonFileStream::append(const char* bytes, std::size_t n) {
-    if (buffer.size() + n > bufferSize_bytes) {
+    if (used + n > buffer.size()) {
         flush();
     }
-    buffer.insert(buffer.end(), bytes, bytes + n);
+    std::copy_n(bytes, n, buffer.data() + used);
+    used += n;
 }
 
 void PhotonFileStream::flush() {
-    if (!failed && !buffer.empty()) {
-        failed = !writeAll(fd, buffer.data(), buffer.size());
+    if (!failed && used > 0) {
+        failed = !writeAll(fd, buffer.data(), used);
     }
-    buffer.clear();
+    used = 0;
 }
