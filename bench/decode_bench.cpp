@@ -3,6 +3,8 @@
 #include <benchmark/benchmark.h>
 
 #include "BenchData.hpp"
+#include "Reconstruction_PhotonEvents.hpp"
+#include "Tpx3HitStream.hpp"
 
 using namespace kavot_tpx3spidr;
 
@@ -46,3 +48,41 @@ static void TimeOrder(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 BENCHMARK(TimeOrder)->ArgsProduct({{1 << 22}, {0, 2}})->Unit(benchmark::kMillisecond);
+
+struct CountingSink {
+    std::size_t photons = 0;
+    void push(const PhotonEvent_type& /*photon*/) { ++photons; }
+};
+
+/// The streaming decoder alone: every position released and read once, in order.
+static void StreamDecode(benchmark::State& state) {
+    const auto& generated = benchdata::recording(static_cast<std::size_t>(state.range(0)));
+    const auto& words = generated.words;
+    const Tpx3Census census = census_tpx3(words.data(), words.size());
+    for (auto _ : state) {
+        Tpx3HitStream<true> stream(words.data(), words.size(), census, 1L << 21);
+        long sum = 0;
+        for (std::size_t j = 0; stream.has(j); ++j) {
+            sum += stream[j].get_toa().get_value();
+            stream.discardBefore(j);
+        }
+        benchmark::DoNotOptimize(sum);
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(StreamDecode)->Arg(1 << 23)->Unit(benchmark::kMillisecond);
+
+/// Decoding and the default clustering as the streaming run does them, photons only counted.
+static void StreamFullChain(benchmark::State& state) {
+    const auto& words = benchdata::recording(static_cast<std::size_t>(state.range(0))).words;
+    const Tpx3Census census = census_tpx3(words.data(), words.size());
+    for (auto _ : state) {
+        Tpx3HitStream<true> stream(words.data(), words.size(), census, 1L << 21);
+        CountingSink sink;
+        NoClusterObserver observer;
+        detail::fullChain_direct(stream, benchdata::defaults, sink, observer);
+        benchmark::DoNotOptimize(sink.photons);
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(StreamFullChain)->Arg(1 << 23)->Unit(benchmark::kMillisecond);
