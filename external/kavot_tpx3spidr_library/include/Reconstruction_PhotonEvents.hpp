@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <limits>
 #include <optional>
 #include <vector>
 
@@ -31,14 +30,12 @@ struct NoClusterObserver {
 ///   has(j)            position j exists (a stream decodes up to it first)
 ///   operator[](j)     the activation at position j (valid until the next call of has)
 ///   discardBefore(i)  positions before i will not be read again
-///   sizeHint()        the number of activations
 class DataSetSequence {
 public:
     explicit DataSetSequence(const Data_Tpx3Spidr& data_) noexcept : data(data_) {}
     [[nodiscard]] bool has(std::size_t position) const noexcept { return position < data.size(); }
     [[nodiscard]] const PixelActivation& operator[](std::size_t position) const { return data[position]; }
     void discardBefore(std::size_t /*position*/) const noexcept {}
-    [[nodiscard]] std::size_t sizeHint() const noexcept { return data.size(); }
 
 private:
     const Data_Tpx3Spidr& data;

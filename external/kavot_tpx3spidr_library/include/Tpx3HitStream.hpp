@@ -44,8 +44,8 @@ public:
                   const Tpx3Census& census,
                   long window_ticks,
                   Consumed&& consumed_)
-        : data(data_), size(size_), pixelCount(census.pixelCount), timeScale(referenceTime_tpx3<useGlobalTime>(census)),
-          window(window_ticks), consumed(consumed_) {
+        : data(data_), size(size_), timeScale(referenceTime_tpx3<useGlobalTime>(census)), window(window_ticks),
+          consumed(consumed_) {
         // The first activation is never repaired: starting the running maximum at its own time gives it the
         // same treatment as every later one (no repair against itself, appended).
         for (std::size_t i = 0; i < size && latest == noTime; i += 1 + tpx3::chunkWords(data[i])) {
@@ -82,7 +82,6 @@ public:
             base += drop;
         }
     }
-    [[nodiscard]] std::size_t sizeHint() const noexcept { return pixelCount; }
 
 private:
     static constexpr std::size_t packetsPerBatch = 16384;
@@ -181,7 +180,6 @@ private:
 
     const std::uint64_t* data;
     std::size_t size;
-    std::size_t pixelCount;
     Tpx3TimeScale<useGlobalTime> timeScale;
     long window;
     std::function<void(std::size_t)> consumed;
