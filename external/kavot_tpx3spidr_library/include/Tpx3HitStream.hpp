@@ -10,6 +10,11 @@
 
 #include "Tpx3DataSet.hpp"
 
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#include <immintrin.h>
+#define KAVOT_WIDE_ORDERING 1
+#endif
+
 namespace kavot_tpx3spidr {
 
 /// The streamed time order could not be guaranteed: a hit arrived behind one already released, or ordering
@@ -33,6 +38,10 @@ public:
 /// The latest time so far is also the time of the buffer's last activation (every decoded activation is in the
 /// buffer or was released before it), so an activation not earlier than it is simply appended: the repair and
 /// the order test share one comparison, and only the out-of-order ones take the insertion path.
+///
+/// On processors with 512-bit vectors the last eight pending activations are held in two registers (times and
+/// the other fields), sorted, and each decoded activation is inserted there without a branch; the lowest one
+/// leaves for the buffer. See `decodeBatch_wide` for why that is the same insertion.
 template <bool useGlobalTime>
 class Tpx3HitStream {
 public:
@@ -56,6 +65,7 @@ public:
                 }
             }
         }
+        wideOrdering = wideOrdering_supported();
     }
 
     Tpx3HitStream(const std::uint64_t* data_, std::size_t size_, const Tpx3Census& census, long window_ticks)
@@ -73,6 +83,10 @@ public:
 
     /// Drops the released activations before `position`; they move only when the dropped part is large and at
     /// least half of the buffer, so every activation moves a bounded number of times.
+    /// Orders with the portable code only, whatever the processor offers (the two give the same order; tests
+    /// compare them). Call before the first `has`.
+    void restrict_toPortableCode() noexcept { wideOrdering = false; }
+
     void discardBefore(std::size_t position) {
         const std::size_t drop = std::min(position, releasedEnd) - base;
         if (drop >= 4096 && 2 * drop >= count) {
@@ -107,6 +121,28 @@ private:
         if (buffer.size() < count + packetsPerBatch + maxChunkWords) {
             buffer.resize(2 * (count + packetsPerBatch + maxChunkWords), PixelActivation(0, 0, Time(0), 0));
         }
+#ifdef KAVOT_WIDE_ORDERING
+        // The registers take the last eight activations of the buffer; they must all be pending, so that one not
+        // earlier than the lowest of them can never be earlier than an activation already released.
+        if (wideOrdering && count - (releasedEnd - base) >= wideLanes) {
+            decodeBatch_wide();
+        } else {
+            decodeBatch_portable();
+        }
+#else
+        decodeBatch_portable();
+#endif
+        consumed(cursor);
+        if (cursor >= size) {
+            releaseUpTo(std::numeric_limits<long>::max());
+        } else if (latest >= noTime + window) {
+            releaseUpTo(latest - window);
+        }
+        return true;
+    }
+
+    /// Decodes one batch of chunks into the buffer in order: appends, or inserts the out-of-order ones.
+    void decodeBatch_portable() {
         PixelActivation* const out = buffer.data();
         std::size_t n = count;
         long latestTime = latest;
@@ -134,14 +170,94 @@ private:
         }
         count = n;
         latest = latestTime;
-        consumed(cursor);
-        if (cursor >= size) {
-            releaseUpTo(std::numeric_limits<long>::max());
-        } else if (latest >= noTime + window) {
-            releaseUpTo(latest - window);
-        }
-        return true;
     }
+
+#ifdef KAVOT_WIDE_ORDERING
+    static constexpr std::size_t wideLanes = 8;
+
+    [[nodiscard]] static bool wideOrdering_supported() noexcept {
+        return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") &&
+               __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512bw");
+    }
+
+    /// The x, y and tot of an activation as the first eight bytes of its record hold them (little-endian,
+    /// padding zero).
+    [[nodiscard]] static long packedFields(const tpx3::PixelFields& pixel) noexcept {
+        return static_cast<long>(std::uint64_t{static_cast<std::uint16_t>(pixel.x)} |
+                                 (std::uint64_t{static_cast<std::uint16_t>(pixel.y)} << 16) |
+                                 (std::uint64_t{pixel.tot} << 32));
+    }
+
+    /// The batch loop of `decodeBatch_portable` with the insertion done in registers.
+    ///
+    /// `times` and `fields` hold the last eight activations of the order, ascending from lane 0, and the buffer
+    /// below position m holds the ones before them. An activation not earlier than lane 0 (the lowest) belongs in
+    /// the registers: behind every lane whose time is not later, which is lane 7 - g when g lanes are later.
+    /// The lanes above it keep their activations, the ones below move down by one, and lane 0 leaves for the
+    /// buffer at position m, where it belongs, being the lowest of the nine. For the times this is
+    /// max(t_i, min(t_(i+1), toa)) with t_8 = +infinity; the fields follow the same masks. An activation earlier
+    /// than all eight is inserted into the buffer as in the portable loop (those counted as moves); the lanes,
+    /// which follow it, are unchanged. At the end the registers go back to the buffer's last eight positions.
+    [[gnu::target("avx512f,avx512vl,avx512dq,avx512bw")]] void decodeBatch_wide() {
+        PixelActivation* const out = buffer.data();
+        std::size_t m = count - wideLanes;
+        const __m512i evenLanes = _mm512_set_epi64(14, 12, 10, 8, 6, 4, 2, 0);
+        const __m512i oddLanes = _mm512_set_epi64(15, 13, 11, 9, 7, 5, 3, 1);
+        const __m512i low = _mm512_loadu_si512(out + m);
+        const __m512i high = _mm512_loadu_si512(out + m + 4);
+        __m512i times = _mm512_permutex2var_epi64(low, oddLanes, high);
+        __m512i fields = _mm512_permutex2var_epi64(low, evenLanes, high);
+        const __m512i infinity = _mm512_set1_epi64(std::numeric_limits<long>::max());
+        // The plain forms of min, max and alignr (and the cast to 128 bits) leave an undefined source that g++ 12
+        // warns about; the masked forms with every lane selected are the same instructions.
+        constexpr __mmask8 allLanes = 0xFF;
+        constexpr __mmask8 lowestRecord = 0x03; // lane 0 of the fields, then lane 0 of the times
+        long latestTime = latest;
+        std::size_t packets = 0;
+        while (cursor < size && packets < packetsPerBatch) {
+            const std::size_t end = cursor + 1 + static_cast<std::size_t>(tpx3::chunkWords(data[cursor]));
+            for (std::size_t w = cursor + 1; w < end; ++w) {
+                const std::uint64_t word = data[w];
+                if (tpx3::packetType(word) != tpx3::type_pixel) {
+                    continue;
+                }
+                const tpx3::PixelFields pixel = tpx3::decode_pixel(word);
+                const long toa =
+                    RolloverRepair::repaired(latestTime, timeScale.pixelTime(pixel.time_ticks).get_value());
+                latestTime = std::max(latestTime, toa);
+                const __m512i toaLanes = _mm512_set1_epi64(toa);
+                const __mmask8 later = _mm512_cmpgt_epi64_mask(times, toaLanes);
+                if (later == 0xFF) [[unlikely]] {
+                    insert_late(m, pixel, toa);
+                    ++m;
+                    continue;
+                }
+                _mm512_mask_storeu_epi64(out + m, lowestRecord,
+                                         _mm512_mask_unpacklo_epi64(fields, allLanes, fields, times));
+                ++m;
+                const __m512i timesAbove = _mm512_mask_alignr_epi64(infinity, allLanes, infinity, times, 1);
+                const __mmask8 place = _mm512_cmpgt_epi64_mask(timesAbove, toaLanes) & static_cast<__mmask8>(~later);
+                times = _mm512_mask_max_epi64(times, allLanes, times,
+                                              _mm512_mask_min_epi64(toaLanes, allLanes, timesAbove, toaLanes));
+                const __m512i fieldsAbove = _mm512_mask_alignr_epi64(fields, allLanes, fields, fields, 1);
+                fields = _mm512_mask_mov_epi64(
+                    _mm512_mask_mov_epi64(fieldsAbove, place, _mm512_set1_epi64(packedFields(pixel))), later, fields);
+            }
+            packets += end - cursor;
+            cursor = end;
+        }
+        _mm512_storeu_si512(out + m,
+                            _mm512_permutex2var_epi64(fields, _mm512_set_epi64(11, 3, 10, 2, 9, 1, 8, 0), times));
+        _mm512_storeu_si512(out + m + 4,
+                            _mm512_permutex2var_epi64(fields, _mm512_set_epi64(15, 7, 14, 6, 13, 5, 12, 4), times));
+        count = m + wideLanes;
+        latest = latestTime;
+    }
+#else
+    [[nodiscard]] static bool wideOrdering_supported() noexcept {
+        return false;
+    }
+#endif
 
     /// Places an activation earlier than the latest one among the pending activations [releasedEnd, n).
     [[gnu::noinline]] void insert_late(std::size_t n, const tpx3::PixelFields& pixel, long toa) {
@@ -194,6 +310,7 @@ private:
     std::size_t releasedEnd = 0;
     std::size_t moves = 0;
     long lastReleased = noTime; ///< no activation can be earlier: nothing released yet
+    bool wideOrdering = false;
 };
 
 /// Calls `onTrigger(Time)` for every TDC packet of a validated word stream, in file order; `consumed` as for
