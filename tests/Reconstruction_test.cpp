@@ -402,3 +402,74 @@ TEST(Reconstruction, EveryHitJoinsExactlyOneClusterAndPhotonsAscendInTime) {
         EXPECT_EQ(reconstruct_photonEvents(data, p).photonEvents, results.begin()->photonEvents);
     }
 }
+
+TEST(Reconstruction, FullChainInVectorLanesEqualsThePortableSearchWhereverTheLanesStopFitting) {
+    if (!wideCode_supported()) {
+        GTEST_SKIP() << "this processor has no 512-bit vectors: only the portable search runs here";
+    }
+    struct Case {
+        const char* name;
+        std::uint64_t side; // pixels per row and column: few pixels give clusters of more than sixteen members
+        long spread;        // ticks over which the hits lie
+        long dTime;         // above 2^26 the lanes are not used at all
+        short shift;        // added to every coordinate: a negative one does not fit the lanes
+        std::uint64_t nPxMin;
+    };
+    // Where 16-bit differences would wrap (-32768 and 32767 differ by 1 there); a line of thirty pixels, each
+    // linked only by the one before it, past the sixteen lanes; and a chain of members dTime apart at the
+    // largest dTime the lanes take, with a pixel at (0, 0) that no lane may link unless occupied.
+    std::vector<Hit> edges = {{-32768, 7, 100, 5}, {32767, 7, 100, 5}, {-1, 0, 300, 5}, {0, 0, 300, 5}};
+    for (short x = 0; x < 30; ++x) {
+        edges.push_back({static_cast<short>(40 + x), 50, 500, 9});
+    }
+    for (long k = 0; k < 20; ++k) {
+        edges.push_back({9, 9, 1000 + k * (1L << 26), 3});
+        edges.push_back({0, 0, 1000 + k * (1L << 26) + (1L << 25), 3});
+    }
+    for (const long dTime : {64L, 1L << 25, 1L << 26}) {
+        const auto data = dataOf(edges);
+        const auto p = settings(1.0, dTime, 1);
+        DataSetSequence sequence(data);
+        VectorPhotonSink sink(0);
+        NoClusterObserver none;
+        kavot_tpx3spidr::detail::fullChain_direct(sequence, p, sink, none);
+        EXPECT_EQ(sink.photons, referenceFullChain(data, p)) << "dTime " << dTime;
+    }
+
+    const Case cases[] = {
+        {"ordinary", 24, 4000, 64, 0, 2},
+        {"clusters beyond sixteen members", 3, 400, 64, 0, 1},
+        {"rejected clusters carried over", 4, 2000, 64, 0, 30},
+        {"coordinates below zero", 6, 2000, 64, -3, 2},
+        {"coordinates up to 32767", 6, 2000, 64, 32760, 2},
+        {"chains of many dTime", 2, 1L << 31, 1L << 26, 0, 1},
+        {"dTime beyond 2^26", 8, 1L << 34, (1L << 26) + 1, 0, 1},
+    };
+    std::mt19937_64 random(43);
+    for (const Case& c : cases) {
+        for (int round = 0; round < 40; ++round) {
+            SCOPED_TRACE(testing::Message() << c.name << " round " << round);
+            auto hits = randomHits(random, 50 + random() % 400, c.spread, c.side);
+            for (auto& hit : hits) {
+                hit.x = static_cast<short>(hit.x + c.shift * static_cast<short>(random() % 2));
+                hit.y = static_cast<short>(hit.y + c.shift * static_cast<short>(random() % 2));
+            }
+            const auto data = dataOf(hits);
+            const auto p = settings(1.0 + static_cast<double>(random() % 20) / 10.0, c.dTime, c.nPxMin);
+            DataSetSequence wideSequence(data);
+            DataSetSequence portableSequence(data);
+            VectorPhotonSink wide(0);
+            VectorPhotonSink portable(0);
+            Assignment wideClusters;
+            Assignment portableClusters;
+            kavot_tpx3spidr::detail::fullChain_direct(wideSequence, p, wide, wideClusters);
+            kavot_tpx3spidr::detail::fullChain_direct_portable(portableSequence, p, portable, portableClusters);
+            ASSERT_EQ(wide.photons, portable.photons);
+            ASSERT_EQ(wide.photons, referenceFullChain(data, p));
+            ASSERT_EQ(wideClusters.clusterOf, portableClusters.clusterOf);
+            for (const auto& [position, times] : wideClusters.seen) {
+                ASSERT_EQ(times, 1) << "position " << position;
+            }
+        }
+    }
+}

@@ -9,11 +9,7 @@
 #include <vector>
 
 #include "Tpx3DataSet.hpp"
-
-#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
-#include <immintrin.h>
-#define KAVOT_WIDE_ORDERING 1
-#endif
+#include "WideCode.hpp"
 
 namespace kavot_tpx3spidr {
 
@@ -65,7 +61,7 @@ public:
                 }
             }
         }
-        wideOrdering = wideOrdering_supported();
+        wideOrdering = wideCode_supported();
     }
 
     Tpx3HitStream(const std::uint64_t* data_, std::size_t size_, const Tpx3Census& census, long window_ticks)
@@ -81,21 +77,17 @@ public:
     }
     [[nodiscard]] const PixelActivation& operator[](std::size_t position) const { return buffer[position - base]; }
 
-    /// Drops the released activations before `position`; they move only when the dropped part is large and at
-    /// least half of the buffer, so every activation moves a bounded number of times.
     /// Orders with the portable code only, whatever the processor offers (the two give the same order; tests
     /// compare them). Call before the first `has`.
     void restrict_toPortableCode() noexcept { wideOrdering = false; }
 
-    void discardBefore(std::size_t position) {
-        const std::size_t drop = std::min(position, releasedEnd) - base;
-        if (drop >= 4096 && 2 * drop >= count) {
-            std::copy(buffer.begin() + static_cast<std::ptrdiff_t>(drop),
-                      buffer.begin() + static_cast<std::ptrdiff_t>(count), buffer.begin());
-            count -= drop;
-            base += drop;
-        }
-    }
+    /// Positions from the last `discardBefore` up to this one can be read without decoding, and they lie next to
+    /// each other in memory until the next `has` that decodes.
+    [[nodiscard]] std::size_t readableEnd() const noexcept { return releasedEnd; }
+
+    /// The released activations before `position` will not be read again. They are dropped when the next batch
+    /// is decoded, so that what a reader holds stays in place until then.
+    void discardBefore(std::size_t position) noexcept { discardPoint = std::max(discardPoint, position); }
 
 private:
     static constexpr std::size_t packetsPerBatch = 16384;
@@ -116,12 +108,13 @@ private:
             releaseUpTo(std::numeric_limits<long>::max());
             return true;
         }
+        compact();
         // Room for a whole batch, so that the loop below writes without checks; the buffer's size settles at
         // the window's share of the data and this rarely allocates.
         if (buffer.size() < count + packetsPerBatch + maxChunkWords) {
             buffer.resize(2 * (count + packetsPerBatch + maxChunkWords), PixelActivation(0, 0, Time(0), 0));
         }
-#ifdef KAVOT_WIDE_ORDERING
+#ifdef KAVOT_WIDE_CODE
         // The registers take the last eight activations of the buffer; they must all be pending, so that one not
         // earlier than the lowest of them can never be earlier than an activation already released.
         if (wideOrdering && count - (releasedEnd - base) >= wideLanes) {
@@ -139,6 +132,18 @@ private:
             releaseUpTo(latest - window);
         }
         return true;
+    }
+
+    /// Drops the discarded activations; they move only when the dropped part is large and at least half of the
+    /// buffer, so every activation moves a bounded number of times.
+    void compact() {
+        const std::size_t drop = std::min(discardPoint, releasedEnd) - base;
+        if (drop >= 4096 && 2 * drop >= count) {
+            std::copy(buffer.begin() + static_cast<std::ptrdiff_t>(drop),
+                      buffer.begin() + static_cast<std::ptrdiff_t>(count), buffer.begin());
+            count -= drop;
+            base += drop;
+        }
     }
 
     /// Decodes one batch of chunks into the buffer in order: appends, or inserts the out-of-order ones.
@@ -172,13 +177,8 @@ private:
         latest = latestTime;
     }
 
-#ifdef KAVOT_WIDE_ORDERING
+#ifdef KAVOT_WIDE_CODE
     static constexpr std::size_t wideLanes = 8;
-
-    [[nodiscard]] static bool wideOrdering_supported() noexcept {
-        return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") &&
-               __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512bw");
-    }
 
     /// The x, y and tot of an activation as the first eight bytes of its record hold them (little-endian,
     /// padding zero).
@@ -198,7 +198,7 @@ private:
     /// max(t_i, min(t_(i+1), toa)) with t_8 = +infinity; the fields follow the same masks. An activation earlier
     /// than all eight is inserted into the buffer as in the portable loop (those counted as moves); the lanes,
     /// which follow it, are unchanged. At the end the registers go back to the buffer's last eight positions.
-    [[gnu::target("avx512f,avx512vl,avx512dq,avx512bw")]] void decodeBatch_wide() {
+    [[gnu::target(KAVOT_WIDE_TARGET)]] void decodeBatch_wide() {
         PixelActivation* const out = buffer.data();
         std::size_t m = count - wideLanes;
         const __m512i evenLanes = _mm512_set_epi64(14, 12, 10, 8, 6, 4, 2, 0);
@@ -253,10 +253,6 @@ private:
         count = m + wideLanes;
         latest = latestTime;
     }
-#else
-    [[nodiscard]] static bool wideOrdering_supported() noexcept {
-        return false;
-    }
 #endif
 
     /// Places an activation earlier than the latest one among the pending activations [releasedEnd, n).
@@ -308,6 +304,7 @@ private:
     std::size_t count = 0;
     std::size_t base = 0;
     std::size_t releasedEnd = 0;
+    std::size_t discardPoint = 0;
     std::size_t moves = 0;
     long lastReleased = noTime; ///< no activation can be earlier: nothing released yet
     bool wideOrdering = false;
