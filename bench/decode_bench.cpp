@@ -54,13 +54,17 @@ struct CountingSink {
     void push(const PhotonEvent_type& /*photon*/) { ++photons; }
 };
 
-/// The streaming decoder alone: every position released and read once, in order.
+/// The streaming decoder alone: every position released and read once, in order. Second argument 1: the
+/// portable ordering only, where the processor would take the 512-bit one.
 static void StreamDecode(benchmark::State& state) {
     const auto& generated = benchdata::recording(static_cast<std::size_t>(state.range(0)));
     const auto& words = generated.words;
     const Tpx3Census census = census_tpx3(words.data(), words.size());
     for (auto _ : state) {
         Tpx3HitStream<true> stream(words.data(), words.size(), census, 1L << 21);
+        if (state.range(1) == 1) {
+            stream.restrict_toPortableCode();
+        }
         long sum = 0;
         for (std::size_t j = 0; stream.has(j); ++j) {
             sum += stream[j].get_toa().get_value();
@@ -70,9 +74,10 @@ static void StreamDecode(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(StreamDecode)->Arg(1 << 23)->Unit(benchmark::kMillisecond);
+BENCHMARK(StreamDecode)->ArgsProduct({{1 << 23}, {0, 1}})->Unit(benchmark::kMillisecond);
 
-/// Decoding and the default clustering as the streaming run does them, photons only counted.
+/// Decoding and the default clustering as the streaming run does them, photons only counted; second argument
+/// as for StreamDecode.
 static void StreamFullChain(benchmark::State& state) {
     const auto& words = benchdata::recording(static_cast<std::size_t>(state.range(0))).words;
     const Tpx3Census census = census_tpx3(words.data(), words.size());
@@ -80,9 +85,14 @@ static void StreamFullChain(benchmark::State& state) {
         Tpx3HitStream<true> stream(words.data(), words.size(), census, 1L << 21);
         CountingSink sink;
         NoClusterObserver observer;
-        detail::fullChain_direct(stream, benchdata::defaults, sink, observer);
+        if (state.range(1) == 1) {
+            stream.restrict_toPortableCode();
+            detail::fullChain_direct_portable(stream, benchdata::defaults, sink, observer);
+        } else {
+            detail::fullChain_direct(stream, benchdata::defaults, sink, observer);
+        }
         benchmark::DoNotOptimize(sink.photons);
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(StreamFullChain)->Arg(1 << 23)->Unit(benchmark::kMillisecond);
+BENCHMARK(StreamFullChain)->ArgsProduct({{1 << 23}, {0, 1}})->Unit(benchmark::kMillisecond);
