@@ -188,7 +188,9 @@ private:
                                  (std::uint64_t{pixel.tot} << 32));
     }
 
-    /// The batch loop of `decodeBatch_portable` with the insertion done in registers.
+    /// The batch loop of `decodeBatch_portable` with the insertion done in registers. The loop is written out
+    /// again rather than shared with a callback: a lambda would not be compiled for the vector instructions of
+    /// the function around it.
     ///
     /// `times` and `fields` hold the last eight activations of the order, ascending from lane 0, and the buffer
     /// below position m holds the ones before them. An activation not earlier than lane 0 (the lowest) belongs in
