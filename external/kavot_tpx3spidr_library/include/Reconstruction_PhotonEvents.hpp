@@ -121,12 +121,18 @@ private:
     return PhotonEvent_type(raw(chain.xWeightedSum), raw(chain.yWeightedSum), chain.toa);
 }
 
-[[nodiscard]] inline PhotonResult assemble_result(std::vector<PhotonEvent_type>&& photonEvents,
-                                                  const Data_Tpx3Spidr& data,
-                                                  const ReconstructionParameters_PhotonEvents& parameters) {
+/// One algorithm over a whole data set: `search(sequence, sink)` fills the sink, which is reserved for one
+/// photon per activation; the result carries the triggers when asked for.
+template <typename Search>
+[[nodiscard]] PhotonResult reconstruct_dataSet(const Data_Tpx3Spidr& data,
+                                               const ReconstructionParameters_PhotonEvents& parameters,
+                                               Search&& search) {
+    DataSetSequence sequence(data);
+    VectorPhotonSink sink(data.size());
+    search(sequence, sink);
     auto triggers = parameters.TDC1 ? std::optional<std::vector<Time>>(std::in_place, data.get_tdc1Triggers())
                                     : std::optional<std::vector<Time>>();
-    return PhotonResult(std::move(photonEvents), std::move(triggers));
+    return PhotonResult(std::move(sink.photons), std::move(triggers));
 }
 
 /// The full-chain search, with the same result as the step-by-step description below, but less work.
@@ -641,10 +647,9 @@ template <typename Observer = NoClusterObserver>
 PhotonResult reconstruct_photonEvents_fullChain_direct(const Data_Tpx3Spidr& data,
                                                        const ReconstructionParameters_PhotonEvents& parameters,
                                                        Observer&& observer = Observer{}) {
-    DataSetSequence sequence(data);
-    VectorPhotonSink sink(data.size());
-    detail::fullChain_direct(sequence, parameters, sink, observer);
-    return detail::assemble_result(std::move(sink.photons), data, parameters);
+    return detail::reconstruct_dataSet(data, parameters, [&](DataSetSequence& sequence, VectorPhotonSink& sink) {
+        detail::fullChain_direct(sequence, parameters, sink, observer);
+    });
 }
 
 /// Cuts the time order into runs of close neighbours in time order; see `detail::checkNextOnly`.
@@ -652,10 +657,9 @@ template <typename Observer = NoClusterObserver>
 PhotonResult reconstruct_photonEvents_checkNextOnly(const Data_Tpx3Spidr& data,
                                                     const ReconstructionParameters_PhotonEvents& parameters,
                                                     Observer&& observer = Observer{}) {
-    DataSetSequence sequence(data);
-    VectorPhotonSink sink(data.size());
-    detail::checkNextOnly(sequence, parameters, sink, observer);
-    return detail::assemble_result(std::move(sink.photons), data, parameters);
+    return detail::reconstruct_dataSet(data, parameters, [&](DataSetSequence& sequence, VectorPhotonSink& sink) {
+        detail::checkNextOnly(sequence, parameters, sink, observer);
+    });
 }
 
 /// Builds all chains in one forward pass; see `detail::forwardChain_pixelBuildup`.
@@ -663,10 +667,9 @@ template <typename Observer = NoClusterObserver>
 PhotonResult reconstruct_photonEvents_forwardChain_pixelBuildup(const Data_Tpx3Spidr& data,
                                                                 const ReconstructionParameters_PhotonEvents& parameters,
                                                                 Observer&& observer = Observer{}) {
-    DataSetSequence sequence(data);
-    VectorPhotonSink sink(data.size());
-    detail::forwardChain_pixelBuildup(sequence, parameters, sink, observer);
-    return detail::assemble_result(std::move(sink.photons), data, parameters);
+    return detail::reconstruct_dataSet(data, parameters, [&](DataSetSequence& sequence, VectorPhotonSink& sink) {
+        detail::forwardChain_pixelBuildup(sequence, parameters, sink, observer);
+    });
 }
 
 /// The library's default reconstruction: the full-chain search.
