@@ -6,11 +6,10 @@
 #include <benchmark/benchmark.h>
 
 #include "BenchData.hpp"
-#include "FileHandler_PhotonEvents.hpp"
 #include "Image_2D_Photons.hpp"
+#include "PhotonEvents.hpp"
 
 using namespace kavot_tpx3spidr;
-using PhotonFile = kavot::FileHandler_PhotonEvents<Length, Time, 4, 8, 2>;
 
 static const PhotonResult& photons() {
     static const PhotonResult result =

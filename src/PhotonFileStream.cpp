@@ -6,14 +6,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "FileHandler_PhotonEvents.hpp"
 #include "LittleEndian.hpp"
+#include "PhotonEvents.hpp"
 
 using namespace kavot_tpx3spidr;
 
 namespace {
 
-using PhotonFile = kavot::FileHandler_PhotonEvents<Length, Time, 4, 8, 2>;
 constexpr std::size_t bufferSize_bytes = std::size_t{1} << 20;
 constexpr off_t fileSize_offset = 8;
 constexpr off_t photonSize_offset = 56;

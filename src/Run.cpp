@@ -15,10 +15,10 @@
 #include <sys/stat.h>
 
 #include "Data_Tpx3Spidr.hpp"
-#include "FileHandler_PhotonEvents.hpp"
 #include "Image_2D_Photons.hpp"
 #include "Logging.hpp"
 #include "Parameters.hpp"
+#include "PhotonEvents.hpp"
 #include "PhotonFileStream.hpp"
 #include "Reconstruction_switch.hpp"
 
@@ -26,8 +26,6 @@ using namespace kavot_tpx3spidr;
 namespace fs = std::filesystem;
 
 namespace {
-
-using PhotonFile = kavot::FileHandler_PhotonEvents<Length, Time, 4, 8, 2>;
 
 /// The bin width of the photon count image: 0.125 px.
 constexpr int imageResolution_raw = 8192;

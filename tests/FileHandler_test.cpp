@@ -7,7 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "FileHandler_PhotonEvents.hpp"
+#include "PhotonEvents.hpp"
 #include "TestSupport.hpp"
 #include "Units.hpp"
 
@@ -19,7 +19,7 @@ using ::testing::ThrowsMessage;
 
 namespace {
 
-using PhotonFile = kavot::FileHandler_PhotonEvents<Length, Time, 4, 8, 2>;
+using kavot_tpx3spidr::PhotonFile;
 using Photon = PhotonFile::PhotonEvent_type;
 using Result = PhotonFile::Data_type;
 

@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "FileHandler_PhotonEvents.hpp"
+#include "PhotonEvents.hpp"
 #include "TestSupport.hpp"
 #include "Tpx3Generator.hpp"
 #include "Units.hpp"
@@ -22,7 +22,7 @@ using ::testing::Not;
 
 namespace {
 
-using PhotonFile = kavot::FileHandler_PhotonEvents<kavot_tpx3spidr::Length, kavot_tpx3spidr::Time, 4, 8, 2>;
+using kavot_tpx3spidr::PhotonFile;
 
 ProcessResult
 vundrel(const std::vector<std::string>& args, const std::string& dir = ".", const std::string& tz = "UTC0") {

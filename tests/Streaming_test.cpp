@@ -7,8 +7,8 @@
 #include <gtest/gtest.h>
 
 #include "Data_Tpx3Spidr.hpp"
-#include "FileHandler_PhotonEvents.hpp"
 #include "Parameters.hpp"
+#include "PhotonEvents.hpp"
 #include "Reconstruction_switch.hpp"
 #include "TestSupport.hpp"
 #include "Tpx3Generator.hpp"
@@ -17,8 +17,6 @@ using namespace kavot_tpx3spidr;
 using namespace testsupport;
 
 namespace {
-
-using PhotonFile = kavot::FileHandler_PhotonEvents<Length, Time, 4, 8, 2>;
 
 struct Shape {
     const char* name;

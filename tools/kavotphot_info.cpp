@@ -9,14 +9,13 @@
 #include <string>
 #include <vector>
 
-#include "FileHandler_PhotonEvents.hpp"
 #include "Image_2D_Photons.hpp"
+#include "PhotonEvents.hpp"
 #include "PhotonPng.hpp"
 
 namespace {
 
 using namespace kavot_tpx3spidr;
-using PhotonFile = kavot::FileHandler_PhotonEvents<Length, Time, 4, 8, 2>;
 
 const char* const usage =
     "Usage:\n"

@@ -17,14 +17,13 @@
 #include <unistd.h>
 
 #include "Data_Tpx3Spidr.hpp"
-#include "FileHandler_PhotonEvents.hpp"
 #include "Logging.hpp"
 #include "Parameters.hpp"
+#include "PhotonEvents.hpp"
 
 namespace fuzztargets {
 
 using namespace kavot_tpx3spidr;
-using PhotonFile = kavot::FileHandler_PhotonEvents<Length, Time, 4, 8, 2>;
 
 inline void require(bool condition) {
     if (!condition) {

@@ -9,15 +9,15 @@
 #include <string>
 #include <vector>
 
-#include "FileHandler_PhotonEvents.hpp"
+#include "PhotonEvents.hpp"
 #include "Tpx3Generator.hpp"
 #include "Units.hpp"
 
 namespace {
 
 using kavot_tpx3spidr::Length;
+using kavot_tpx3spidr::PhotonFile;
 using kavot_tpx3spidr::Time;
-using PhotonFile = kavot::FileHandler_PhotonEvents<Length, Time, 4, 8, 2>;
 
 void write(const std::filesystem::path& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary) << bytes;

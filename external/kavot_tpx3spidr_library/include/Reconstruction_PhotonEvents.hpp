@@ -7,8 +7,7 @@
 #include <optional>
 #include <vector>
 
-#include "Data_PhotonEvents.hpp"
-#include "PhotonEvent.hpp"
+#include "PhotonEvents.hpp"
 #include "PixelActivationChain.hpp"
 #include "ReconstructionParameters_PhotonEvents.hpp"
 #include "SlidingTable.hpp"
@@ -16,9 +15,6 @@
 #include "WideCode.hpp"
 
 namespace kavot_tpx3spidr {
-
-using PhotonEvent_type = kavot::PhotonEvent<Length, Time>;
-using PhotonResult = kavot::Data_PhotonEvents<PhotonEvent_type>;
 
 /// Sees which cluster every position of the time order joins; the reconstruction itself does not need it.
 /// `cluster` numbers the clusters in the order in which they were opened, from 0.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <fstream>
 #include <memory>
@@ -7,20 +8,28 @@
 #include <string>
 #include <vector>
 
-#include "Invariant.hpp"
 #include "LittleEndian.hpp"
 
 namespace kavot {
 
 /// The generic block file: every block is an 8-byte identifier, an 8-byte little-endian content size and the
 /// content; the whole file is one block ("KAVOT") whose content is a build information block followed by the
-/// blocks particular to the file type.
+/// blocks particular to the file type:
+///   0   "KAVOT\0\0\0"   8   size of the file block's content
+///   16  "build\0\0\0"   24  16       32  file_version_index   40  file_type_index
+///   48  the first block particular to the file type
+/// The offsets below are the one description of this layout: the block classes and every writer and reader
+/// of such files take theirs from them.
 template <std::uint64_t file_type_index_, typename ReadOutput_Type>
 class FileHandler_KavotData {
 public:
     static constexpr std::uint64_t file_version_index = 0;
     static constexpr std::uint64_t file_type_index = file_type_index_;
     static constexpr std::uint64_t headerSize_bytes = 16;
+    static constexpr std::uint64_t fileSize_offset = 8; ///< where the file block's content size stands
+    static constexpr std::uint64_t buildContent_bytes = 16;
+    /// The first content block after the build information block.
+    static constexpr std::uint64_t firstContentBlock_offset = headerSize_bytes + headerSize_bytes + buildContent_bytes;
 
     /// An identifier's 8 bytes read as one little-endian 64-bit value, the form `read_header` returns.
     static constexpr std::uint64_t identifier_asNumber(const char (&identifier)[8]) noexcept {
@@ -31,6 +40,21 @@ public:
         std::uint64_t identifier;
         std::uint64_t size_content;
     };
+
+    /// A block header as stored: the identifier's 8 bytes, then the content size.
+    static void store_blockHeader(char* destination, const char* identifier, std::uint64_t size_content) noexcept {
+        std::copy_n(identifier, 8, destination);
+        store_littleEndian<8>(destination + 8, size_content);
+    }
+
+    /// The file block's header and the build information block, as the first `firstContentBlock_offset` bytes
+    /// of a file whose content blocks sum (headers included) to `contentBlocks_bytes`.
+    static void store_fileStart(char* destination, std::uint64_t contentBlocks_bytes) noexcept {
+        constexpr std::uint64_t buildBlock_bytes = headerSize_bytes + buildContent_bytes;
+        store_blockHeader(destination, IO_File::identifier, buildBlock_bytes + contentBlocks_bytes);
+        store_blockHeader(destination + headerSize_bytes, IO_BuildInfo::identifier, buildContent_bytes);
+        IO_BuildInfo::store_content(destination + 2 * headerSize_bytes);
+    }
 
     class IO_Block {
     public:
@@ -43,11 +67,7 @@ public:
 
         virtual void write_header(std::ofstream& stream) const {
             char header[headerSize_bytes];
-            const char* identifier = get_identifier();
-            for (int b = 0; b < 8; ++b) {
-                header[b] = identifier[b];
-            }
-            store_littleEndian<8>(header + 8, size_content);
+            store_blockHeader(header, get_identifier(), size_content);
             stream.write(header, sizeof header);
         }
 
@@ -67,8 +87,11 @@ public:
             if (!stream || end_content == std::streampos(-1)) {
                 throw std::invalid_argument("Write Error!");
             }
-            KAVOT_INVARIANT(end_content - begin_content == static_cast<std::streamoff>(size_content),
-                            "end_content - begin_content == size_content");
+            // A block whose content differs from its stated size would make the file unreadable; the writer
+            // stops with the condition that broke, and the caller discards the file.
+            if (end_content - begin_content != static_cast<std::streamoff>(size_content)) {
+                throw std::logic_error("end_content - begin_content == size_content");
+            }
         }
 
         /// Reads the header of the block at the stream's position and leaves the stream at its first content
@@ -125,15 +148,19 @@ public:
     public:
         static constexpr char identifier[8] = {'b', 'u', 'i', 'l', 'd', 0, 0, 0};
 
-        IO_BuildInfo() noexcept : IO_Block(16) {}
+        IO_BuildInfo() noexcept : IO_Block(buildContent_bytes) {}
 
         [[nodiscard]] const char* get_identifier() const override { return identifier; }
 
         void write_content(std::ofstream& stream) const override {
-            char content[16];
-            store_littleEndian<8>(content, file_version_index);
-            store_littleEndian<8>(content + 8, file_type_index);
+            char content[buildContent_bytes];
+            store_content(content);
             stream.write(content, sizeof content);
+        }
+
+        static void store_content(char* destination) noexcept {
+            store_littleEndian<8>(destination, file_version_index);
+            store_littleEndian<8>(destination + 8, file_type_index);
         }
     };
 
@@ -188,11 +215,11 @@ public:
         if (build.identifier != identifier_asNumber(IO_BuildInfo::identifier)) {
             throw std::invalid_argument("File does not contain build information!");
         }
-        if (build.size_content != 16) {
+        if (build.size_content != buildContent_bytes) {
             throw std::invalid_argument("Build information block has size " + std::to_string(build.size_content) +
-                                        " instead of 16!");
+                                        " instead of " + std::to_string(buildContent_bytes) + "!");
         }
-        char content[16];
+        char content[buildContent_bytes];
         stream.read(content, sizeof content);
         if (stream.fail() || stream.bad()) {
             throw std::invalid_argument("Read Error!");

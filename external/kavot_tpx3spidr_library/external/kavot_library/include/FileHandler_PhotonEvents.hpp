@@ -31,8 +31,41 @@ public:
     using PhotonEvent_type = PhotonEvent<LengthType, TimeType>;
     using Data_type = Data_PhotonEvents<PhotonEvent_type>;
 
+    // The blocks of a photon event file, after the file block's header and the build information:
+    //   48          "photons\0"   16 N     64          N records: x, y (lengthBytes each), time (timeBytes)
+    //   64 + 16 N   "extTrigs"    8 M      80 + 16 N   M trigger times (timeBytes each); only with triggers
     static constexpr std::size_t photonRecord_bytes = 2 * lengthBytes + timeBytes;
     static constexpr std::size_t trigger_bytes = timeBytes;
+    static constexpr std::uint64_t photonBlock_offset = Base::firstContentBlock_offset;
+    static constexpr std::uint64_t photonSize_offset = photonBlock_offset + 8;
+    static constexpr std::uint64_t photons_offset = photonBlock_offset + Base::headerSize_bytes;
+
+    /// The content blocks of a file with `photons` photons and, when present, `triggers` trigger times: their
+    /// headers and contents together.
+    [[nodiscard]] static constexpr std::uint64_t contentBlocks_bytes(std::uint64_t photons,
+                                                                     std::optional<std::uint64_t> triggers) noexcept {
+        return Base::headerSize_bytes + photonRecord_bytes * photons +
+               (triggers ? Base::headerSize_bytes + trigger_bytes * *triggers : 0);
+    }
+
+    static void store_photonRecord(char* destination, const PhotonEvent_type& photon) noexcept {
+        store_littleEndian<lengthBytes>(destination, static_cast<std::uint64_t>(photon.x.get_value()));
+        store_littleEndian<lengthBytes>(destination + lengthBytes, static_cast<std::uint64_t>(photon.y.get_value()));
+        store_littleEndian<timeBytes>(destination + 2 * lengthBytes,
+                                      static_cast<std::uint64_t>(photon.toa.get_value()));
+    }
+    [[nodiscard]] static PhotonEvent_type load_photonRecord(const char* source) noexcept {
+        return PhotonEvent_type(
+            LengthType(loadSigned<lengthBytes, typename LengthType::rep_type>(source)),
+            LengthType(loadSigned<lengthBytes, typename LengthType::rep_type>(source + lengthBytes)),
+            load_trigger(source + 2 * lengthBytes));
+    }
+    static void store_trigger(char* destination, TimeType trigger) noexcept {
+        store_littleEndian<timeBytes>(destination, static_cast<std::uint64_t>(trigger.get_value()));
+    }
+    [[nodiscard]] static TimeType load_trigger(const char* source) noexcept {
+        return TimeType(loadSigned<timeBytes, typename TimeType::rep_type>(source));
+    }
 
     class IO_PhotonEvents : public IO_Block {
     public:
@@ -49,11 +82,7 @@ public:
             std::array<char, photonRecord_bytes * 4096> buffer;
             std::size_t used = 0;
             for (const auto& photon : photonEvents) {
-                char* record = buffer.data() + used;
-                store_littleEndian<lengthBytes>(record, static_cast<std::uint64_t>(photon.x.get_value()));
-                store_littleEndian<lengthBytes>(record + lengthBytes, static_cast<std::uint64_t>(photon.y.get_value()));
-                store_littleEndian<timeBytes>(record + 2 * lengthBytes,
-                                              static_cast<std::uint64_t>(photon.toa.get_value()));
+                store_photonRecord(buffer.data() + used, photon);
                 used += photonRecord_bytes;
                 if (used == buffer.size()) {
                     stream.write(buffer.data(), static_cast<std::streamsize>(used));
@@ -80,7 +109,7 @@ public:
             std::array<char, trigger_bytes * 8192> buffer;
             std::size_t used = 0;
             for (const auto& trigger : extTriggers) {
-                store_littleEndian<timeBytes>(buffer.data() + used, static_cast<std::uint64_t>(trigger.get_value()));
+                store_trigger(buffer.data() + used, trigger);
                 used += trigger_bytes;
                 if (used == buffer.size()) {
                     stream.write(buffer.data(), static_cast<std::streamsize>(used));
@@ -99,25 +128,108 @@ public:
     [[nodiscard]] Data_type read_implementationSpecific(std::ifstream& stream, std::streampos end) const {
         std::optional<std::vector<PhotonEvent_type>> photonEvents;
         std::optional<std::vector<TimeType>> extTriggers;
-        while (true) {
-            if (stream.tellg() == end) {
-                if (!photonEvents) {
-                    throw std::invalid_argument("File does not contain photon data!");
-                }
-                return Data_type(std::move(*photonEvents), std::move(extTriggers));
+        walk_contentBlocks(stream, end, [&](bool isPhotonBlock, std::uint64_t records) {
+            if (isPhotonBlock) {
+                std::vector<PhotonEvent_type> photons;
+                photons.reserve(records);
+                read_records<photonRecord_bytes>(
+                    stream, records, [&](const char* record) { photons.push_back(load_photonRecord(record)); });
+                photonEvents = std::move(photons);
+            } else {
+                std::vector<TimeType> triggers;
+                triggers.reserve(records);
+                read_records<trigger_bytes>(stream, records,
+                                            [&](const char* record) { triggers.push_back(load_trigger(record)); });
+                extTriggers = std::move(triggers);
             }
+        });
+        return Data_type(std::move(*photonEvents), std::move(extTriggers));
+    }
+
+    /// Reads a whole photon event file: the file block and build information are checked (see
+    /// `read_fileHeader`), then the content blocks are read.
+    [[nodiscard]] Data_type read_fromFile(const std::string& path) const {
+        std::ifstream stream = open(path);
+        const std::streampos end = Base::read_fileHeader(stream);
+        return read_implementationSpecific(stream, end);
+    }
+
+    /// A photon event file read a batch of records at a time, in memory that does not grow with the file. The
+    /// file is checked as `read_fromFile` checks it when it is opened; the last photon block and the last
+    /// trigger block are the ones read, as there.
+    class Reader {
+    public:
+        explicit Reader(const std::string& path) : stream(open(path)) {
+            const std::streampos end = Base::read_fileHeader(stream);
+            walk_contentBlocks(stream, end, [&](bool isPhotonBlock, std::uint64_t records) {
+                const std::streampos at = stream.tellg();
+                if (isPhotonBlock) {
+                    photonBlock = {at, records};
+                } else {
+                    triggerBlock = Block{at, records};
+                }
+                stream.seekg(
+                    static_cast<std::streamoff>(records * (isPhotonBlock ? photonRecord_bytes : trigger_bytes)),
+                    std::ios::cur);
+            });
+        }
+
+        [[nodiscard]] std::uint64_t photonCount() const noexcept { return photonBlock.records; }
+        /// Absent when the file holds no trigger block (a run without triggers).
+        [[nodiscard]] std::optional<std::uint64_t> triggerCount() const noexcept {
+            return triggerBlock ? std::optional<std::uint64_t>(triggerBlock->records) : std::nullopt;
+        }
+
+        /// Calls `consume(photon)` for every photon, in file order.
+        template <typename Consume>
+        void for_eachPhoton(Consume&& consume) {
+            stream.seekg(photonBlock.at);
+            read_records<photonRecord_bytes>(stream, photonBlock.records,
+                                             [&](const char* record) { consume(load_photonRecord(record)); });
+        }
+        /// Calls `consume(time)` for every trigger time, in file order; nothing when there is no trigger block.
+        template <typename Consume>
+        void for_eachTrigger(Consume&& consume) {
+            if (triggerBlock) {
+                stream.seekg(triggerBlock->at);
+                read_records<trigger_bytes>(stream, triggerBlock->records,
+                                            [&](const char* record) { consume(load_trigger(record)); });
+            }
+        }
+
+    private:
+        struct Block {
+            std::streampos at;
+            std::uint64_t records;
+        };
+        std::ifstream stream;
+        Block photonBlock{0, 0};
+        std::optional<Block> triggerBlock;
+    };
+
+private:
+    static std::ifstream open(const std::string& path) {
+        std::ifstream stream(path, std::ios::in | std::ios::binary);
+        if (!stream.is_open()) {
+            throw std::invalid_argument("Unable to open file \"" + path + "\" !");
+        }
+        return stream;
+    }
+
+    /// The content blocks from the stream's position up to `end`, checked in file order: a block must fit
+    /// before `end`, be a photon block or a trigger block and hold whole records, and at least one photon block
+    /// must be there. `onBlock(isPhotonBlock, records)` finds the stream at the block's first record and
+    /// leaves it at the block's end. Sizes are checked before any content of their block is read.
+    template <typename OnBlock>
+    static void walk_contentBlocks(std::ifstream& stream, std::streampos end, OnBlock&& onBlock) {
+        bool photonBlockSeen = false;
+        while (stream.tellg() != end) {
             const auto header = IO_Block::read_header(stream, end);
             if (header.identifier == Base::identifier_asNumber(IO_ExtTriggers::identifier)) {
                 if (header.size_content % trigger_bytes != 0) {
                     throw std::invalid_argument("File contains partial external triggers!");
                 }
-                std::vector<TimeType> triggers;
-                triggers.reserve(header.size_content / trigger_bytes);
-                read_records<trigger_bytes>(stream, header.size_content / trigger_bytes, [&](const char* record) {
-                    triggers.emplace_back(static_cast<typename TimeType::rep_type>(
-                        signExtend<timeBytes>(load_littleEndian<timeBytes>(record))));
-                });
-                extTriggers = std::move(triggers);
+                onBlock(false, header.size_content / trigger_bytes);
                 continue;
             }
             if (header.identifier != Base::identifier_asNumber(IO_PhotonEvents::identifier)) {
@@ -126,32 +238,20 @@ public:
             if (header.size_content % photonRecord_bytes != 0) {
                 throw std::invalid_argument("File contains partial photons!");
             }
-            std::vector<PhotonEvent_type> photons;
-            photons.reserve(header.size_content / photonRecord_bytes);
-            read_records<photonRecord_bytes>(stream, header.size_content / photonRecord_bytes, [&](const char* record) {
-                photons.emplace_back(LengthType(static_cast<typename LengthType::rep_type>(
-                                         signExtend<lengthBytes>(load_littleEndian<lengthBytes>(record)))),
-                                     LengthType(static_cast<typename LengthType::rep_type>(signExtend<lengthBytes>(
-                                         load_littleEndian<lengthBytes>(record + lengthBytes)))),
-                                     TimeType(static_cast<typename TimeType::rep_type>(signExtend<timeBytes>(
-                                         load_littleEndian<timeBytes>(record + 2 * lengthBytes)))));
-            });
-            photonEvents = std::move(photons);
+            onBlock(true, header.size_content / photonRecord_bytes);
+            photonBlockSeen = true;
+        }
+        if (!photonBlockSeen) {
+            throw std::invalid_argument("File does not contain photon data!");
         }
     }
 
-    /// Reads a whole photon event file: the file block and build information are checked (see
-    /// `read_fileHeader`), then the content blocks are read.
-    [[nodiscard]] Data_type read_fromFile(const std::string& path) const {
-        std::ifstream stream(path, std::ios::in | std::ios::binary);
-        if (!stream.is_open()) {
-            throw std::invalid_argument("Unable to open file \"" + path + "\" !");
-        }
-        const std::streampos end = Base::read_fileHeader(stream);
-        return read_implementationSpecific(stream, end);
+    /// `width` bytes little-endian, sign-extended into `Rep`.
+    template <std::size_t width, typename Rep>
+    [[nodiscard]] static Rep loadSigned(const char* source) noexcept {
+        return static_cast<Rep>(signExtend<width>(load_littleEndian<width>(source)));
     }
 
-private:
     /// Reads `count` records of `recordBytes` in batches (the sizes were checked against the block's end before,
     /// so a failing read is a stream error, reported as "Read Error!").
     template <std::size_t recordBytes, typename Consume>

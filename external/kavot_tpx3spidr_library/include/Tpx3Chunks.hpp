@@ -1,0 +1,76 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <vector>
+
+#include "Tpx3InputFile.hpp"
+#include "Tpx3Packet.hpp"
+
+namespace kavot_tpx3spidr {
+
+/// Checks the chunk that starts at word `header` of a stream of `size` words: it must start with "TPX3"
+/// (checked first: the size field of a word that is no header means nothing) and end within the data. Returns
+/// the word index just past the chunk.
+[[nodiscard]] inline std::uint64_t
+chunkEnd_checked(std::uint64_t headerWord, std::uint64_t header, std::uint64_t size) {
+    if (!tpx3::is_chunkHeader(headerWord)) {
+        throw std::logic_error("Invalid header entry!");
+    }
+    const std::uint64_t end = header + 1 + tpx3::chunkWords(headerWord);
+    if (end > size) {
+        throw std::logic_error("End of data reached before block is complete!");
+    }
+    return end;
+}
+
+/// Calls `onChunk(first, last)` with the packet words of every chunk of words in memory, in order.
+template <typename OnChunk>
+void for_eachChunk_tpx3(const std::uint64_t* data, std::size_t size, OnChunk&& onChunk) {
+    std::uint64_t i = 0;
+    while (i < size) {
+        const std::uint64_t end = chunkEnd_checked(data[i], i, size);
+        onChunk(data + i + 1, data + end);
+        i = end;
+    }
+}
+
+/// The largest chunk in words, header included: the size field counts at most 65535 bytes.
+constexpr std::size_t maxChunk_words = 1 + 0xFFFF / 8;
+
+/// Calls `onChunk(first, last, headerIndex)` for every chunk of a file, in order, with the packet words of the
+/// chunk and the word index of its header. The file is read in windows of about `window_words`, so memory does
+/// not grow with the file. A file whose size is no multiple of 8 bytes is refused first.
+template <typename OnChunk>
+void for_eachChunk_tpx3(const Tpx3InputFile& file, OnChunk&& onChunk, std::size_t window_words = std::size_t{1} << 20) {
+    if (file.size_bytes() % 8 != 0) {
+        throw std::logic_error("File contains incomplete lines!");
+    }
+    const std::uint64_t size = file.size_words();
+    std::vector<std::uint64_t> buffer(window_words + maxChunk_words);
+    std::uint64_t bufferStart = 0; // word index of buffer[0]
+    std::size_t filled = 0;
+    std::size_t at = 0;
+    while (bufferStart + at < size) {
+        if (at == filled || at + 1 + tpx3::chunkWords(buffer[at]) > filled) {
+            // Not a whole chunk left in the buffer: keep the rest and read on behind it.
+            std::copy(buffer.begin() + static_cast<std::ptrdiff_t>(at),
+                      buffer.begin() + static_cast<std::ptrdiff_t>(filled), buffer.begin());
+            bufferStart += at;
+            filled -= at;
+            at = 0;
+            const auto more =
+                static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size() - filled, size - bufferStart - filled));
+            file.read_words(bufferStart + filled, more, buffer.data() + filled);
+            filled += more;
+        }
+        const std::uint64_t header = bufferStart + at;
+        const std::uint64_t end = chunkEnd_checked(buffer[at], header, size);
+        onChunk(buffer.data() + at + 1, buffer.data() + (end - bufferStart), header);
+        at = static_cast<std::size_t>(end - bufferStart);
+    }
+}
+
+} // namespace kavot_tpx3spidr
