@@ -6,24 +6,15 @@
 
 using namespace kavot_tpx3spidr;
 
-/// Second argument 1: the portable search only, where the processor would take the vector lanes.
 static void FullChainDirect(benchmark::State& state) {
     const auto& data = benchdata::dataSet(static_cast<std::size_t>(state.range(0)));
     for (auto _ : state) {
-        if (state.range(1) == 1) {
-            DataSetSequence sequence(data);
-            VectorPhotonSink sink(data.size());
-            NoClusterObserver observer;
-            detail::fullChain_direct_portable(sequence, benchdata::defaults, sink, observer);
-            benchmark::DoNotOptimize(sink.photons.size());
-        } else {
-            benchmark::DoNotOptimize(
-                reconstruct_photonEvents_fullChain_direct(data, benchdata::defaults).photonEvents.size());
-        }
+        benchmark::DoNotOptimize(
+            reconstruct_photonEvents_fullChain_direct(data, benchdata::defaults).photonEvents.size());
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(FullChainDirect)->ArgsProduct({{1 << 22}, {0, 1}})->Unit(benchmark::kMillisecond);
+BENCHMARK(FullChainDirect)->Arg(1 << 22)->Unit(benchmark::kMillisecond);
 
 static void CheckNextOnly(benchmark::State& state) {
     const auto& data = benchdata::dataSet(static_cast<std::size_t>(state.range(0)));

@@ -5,8 +5,8 @@
 # Prints one line per difference and a summary; exits 1 when anything differs.
 # Usage: bench/compare.sh OLD_VUNDREL NEW_VUNDREL [WORK_DIR] [TPX3GEN]
 set -uo pipefail
-old=$1
-new=$2
+old=$(realpath "$1")
+new=$(realpath "$2")
 work=${3:-/tmp/vundrel_compare}
 gen=${4:-$(dirname "$new")/tools/tpx3gen}
 real=$(cd "$(dirname "$0")/.." && pwd)/../shared/data/real

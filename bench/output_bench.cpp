@@ -35,7 +35,7 @@ BENCHMARK(WritePhotonFile)->Unit(benchmark::kMillisecond);
 static void FillImage(benchmark::State& state) {
     const auto& result = photons();
     for (auto _ : state) {
-        Image_2D_Photons image(Length(8192));
+        Image_2D_Photons image(Image_2D_Photons::run_resolution);
         for (const auto& photon : result.photonEvents) {
             image.add_photonEvent<true>(photon);
         }

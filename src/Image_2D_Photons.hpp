@@ -3,13 +3,15 @@
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
-#include <fstream>
 #include <limits>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "Data_Tpx3Spidr.hpp"
+#include <unistd.h>
+
+#include "PhotonEvents.hpp"
+#include "ReplacingFile.hpp"
 
 /// A histogram of photon positions over the 256 x 256 pixel detector with square bins of `resolution`;
 /// counters in rows of constant y, x running fastest.
@@ -18,6 +20,8 @@ public:
     using Length = kavot_tpx3spidr::Length;
     static constexpr std::size_t max_pixel_total = std::numeric_limits<std::size_t>::max();
     static constexpr double detectorWidth_raw = 16777216.0; // 256 px
+    /// The bin width of a run's image: 0.125 px, 2048 x 2048 bins.
+    static constexpr Length run_resolution = Length(8192);
 
     /// A bin width of zero or less has no image: it is refused instead of dividing by it.
     explicit Image_2D_Photons(Length resolution_) : resolution(resolution_) {
@@ -62,11 +66,25 @@ public:
         ++counts[linIndex];
     }
 
-    /// Writes the counters as raw native-endian 32-bit values. Failures to open or write are not reported.
-    void write_toFile_raw(const std::string& path) const {
-        std::ofstream stream(path, std::ios::out | std::ios::binary | std::ios::trunc);
-        stream.write(reinterpret_cast<const char*>(counts.data()),
-                     static_cast<std::streamsize>(counts.size() * sizeof(std::uint32_t)));
+    /// Writes the counters as raw native-endian 32-bit values, complete or not at all (see `ReplacingFile`;
+    /// the input of the run, if given, is never replaced through a link). Failures are not reported.
+    void write_toFile_raw(const std::string& path, dev_t inputDevice = 0, ino_t inputInode = 0) const {
+        try {
+            ReplacingFile file(path, inputDevice, inputInode);
+            const auto* bytes = reinterpret_cast<const char*>(counts.data());
+            std::size_t left = counts.size() * sizeof(std::uint32_t);
+            while (left > 0) {
+                const ssize_t written = ::write(file.fd(), bytes, left);
+                if (written <= 0) {
+                    return; // the temporary file is removed; nothing is reported
+                }
+                bytes += written;
+                left -= static_cast<std::size_t>(written);
+            }
+            (void)file.commit();
+        } catch (const std::invalid_argument&) {
+            // The path cannot be written: nothing is reported.
+        }
     }
 
     [[nodiscard]] const std::vector<std::uint32_t>& get_counts() const noexcept { return counts; }

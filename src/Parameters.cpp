@@ -9,8 +9,6 @@
 #include <rapidjson/document.h>
 #include <rapidjson/error/en.h>
 
-#include "Logging.hpp"
-
 const option Parameters::long_options[] = {
     {"help", no_argument, nullptr, 'h'},
     {"license", no_argument, nullptr, 0},
@@ -30,7 +28,7 @@ const option Parameters::long_options[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-Parameters::Parameters(int argc, char** argv) {
+Parameters::Parameters(int argc, char** argv, std::int32_t& logThreshold) {
     // A fresh scan of argv: the parser's position is process-wide, and 0 makes it start over completely.
     optind = 0;
     int index = 0;
@@ -80,7 +78,7 @@ Parameters::Parameters(int argc, char** argv) {
                 print_license();
                 exitEarly = true;
             } else if (std::strcmp(name, "version") == 0) {
-                std::fputs("1.0.0\n", stderr);
+                std::fputs(VUNDREL_VERSION "\n", stderr);
                 exitEarly = true;
             } else if (std::strcmp(name, "photImgPath") == 0) {
                 photImgPath = optarg;
@@ -89,7 +87,7 @@ Parameters::Parameters(int argc, char** argv) {
             } else if (std::strcmp(name, "globalTime_ignore") == 0) {
                 useGlobalTime = false;
             } else if (std::strcmp(name, "verbose") == 0) {
-                logLevel = std::stoi(optarg, nullptr, 10);
+                logThreshold = std::stoi(optarg, nullptr, 10);
             }
             break;
         }

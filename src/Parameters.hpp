@@ -11,7 +11,9 @@
 /// parameter file read where its option stands.
 class Parameters {
 public:
-    Parameters(int argc, char** argv);
+    /// `--verbose` sets `logThreshold` (the program passes the log's `logLevel`) at the moment the option is
+    /// met, so that it already holds when a later option fails.
+    Parameters(int argc, char** argv, std::int32_t& logThreshold);
 
     void print_help(const char* programName) const;
     void print_license() const;

@@ -3,8 +3,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "Data_Tpx3Spidr.hpp"
 #include "Parameters.hpp"
+#include "Reconstruction_PhotonEvents.hpp"
 
 /// The clustering algorithms by name: "default" and "fullChain_direct" are one algorithm.
 enum class Algorithm { fullChain_direct, checkNextOnly, forwardChain_pixelBuildup };
@@ -19,16 +19,15 @@ void reconstruct_photonEvents_into(Algorithm algorithm,
                                    Sequence& sequence,
                                    const kavot_tpx3spidr::ReconstructionParameters_PhotonEvents& parameters,
                                    Sink& sink) {
-    kavot_tpx3spidr::NoClusterObserver observer;
     switch (algorithm) {
     case Algorithm::fullChain_direct:
-        kavot_tpx3spidr::detail::fullChain_direct(sequence, parameters, sink, observer);
+        kavot_tpx3spidr::reconstruct_photonEvents_fullChain_direct(sequence, parameters, sink);
         break;
     case Algorithm::checkNextOnly:
-        kavot_tpx3spidr::detail::checkNextOnly(sequence, parameters, sink, observer);
+        kavot_tpx3spidr::reconstruct_photonEvents_checkNextOnly(sequence, parameters, sink);
         break;
     case Algorithm::forwardChain_pixelBuildup:
-        kavot_tpx3spidr::detail::forwardChain_pixelBuildup(sequence, parameters, sink, observer);
+        kavot_tpx3spidr::reconstruct_photonEvents_forwardChain_pixelBuildup(sequence, parameters, sink);
         break;
     }
 }

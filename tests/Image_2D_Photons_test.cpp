@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include "Image_2D_Photons.hpp"
-#include "PhotonPng.hpp"
 #include "TestSupport.hpp"
 
 using namespace kavot_tpx3spidr;
@@ -72,25 +71,4 @@ TEST(Image_2D_Photons, WritesRawNativeCountersAndStaysSilentOnFailure) {
     ASSERT_EQ(bytes.size(), 16777216u);
     EXPECT_EQ(bytes.substr(0, 8), std::string("\0\0\0\0\2\0\0\0", 8));
     EXPECT_NO_THROW(image.write_toFile_raw(dir / "missing/dir/image.raw"));
-}
-
-TEST(PhotonPng, RendersLogScaleSaturatingAtTheTopPercentile) {
-    std::vector<std::uint32_t> counts(16, 0);
-    counts[5] = 1;
-    counts[6] = 1000;
-    const auto gray = photonpng::render(counts, 4, 4, 1);
-    EXPECT_EQ(gray.pixels[0], 0);
-    EXPECT_EQ(gray.pixels[6], 255);
-    EXPECT_GT(gray.pixels[5], 0);
-    EXPECT_LT(gray.pixels[5], 255);
-    const auto binned = photonpng::render(counts, 4, 4, 2);
-    ASSERT_EQ(binned.pixels.size(), 4u);
-    EXPECT_GT(binned.pixels[0], 0) << "bin (1,1) falls into PNG pixel (0,0)";
-    EXPECT_EQ(binned.pixels[1], 255) << "bin (2,1) falls into PNG pixel (1,0)";
-    EXPECT_EQ(binned.pixels[2], 0);
-    EXPECT_THROW(photonpng::render(counts, 4, 4, 3), std::invalid_argument);
-
-    const testsupport::TempDir dir;
-    photonpng::write(dir / "x.png", gray);
-    EXPECT_EQ(testsupport::readFile(dir / "x.png").substr(1, 3), "PNG");
 }

@@ -45,24 +45,15 @@ PhotonEvent_type photon(double x_px, double y_px, long toa) {
     return PhotonEvent_type(Length(static_cast<int>(x_px * 65536)), Length(static_cast<int>(y_px * 65536)), Time(toa));
 }
 
-using AlgorithmFunction = PhotonResult (*)(const Data_Tpx3Spidr&,
-                                           const ReconstructionParameters_PhotonEvents&,
-                                           NoClusterObserver&&);
-const AlgorithmFunction fullChain = [](const Data_Tpx3Spidr& d,
-                                       const ReconstructionParameters_PhotonEvents& p,
-                                       NoClusterObserver&&) { return reconstruct_photonEvents_fullChain_direct(d, p); };
-const AlgorithmFunction checkNext = [](const Data_Tpx3Spidr& d,
-                                       const ReconstructionParameters_PhotonEvents& p,
-                                       NoClusterObserver&&) { return reconstruct_photonEvents_checkNextOnly(d, p); };
-const AlgorithmFunction forwardChain =
-    [](const Data_Tpx3Spidr& d, const ReconstructionParameters_PhotonEvents& p, NoClusterObserver&&) {
-        return reconstruct_photonEvents_forwardChain_pixelBuildup(d, p);
-    };
+using AlgorithmFunction = PhotonResult (*)(const Data_Tpx3Spidr&, const ReconstructionParameters_PhotonEvents&);
+const AlgorithmFunction fullChain = reconstruct_photonEvents_fullChain_direct;
+const AlgorithmFunction checkNext = reconstruct_photonEvents_checkNextOnly;
+const AlgorithmFunction forwardChain = reconstruct_photonEvents_forwardChain_pixelBuildup;
 
 std::vector<PhotonEvent_type> run(AlgorithmFunction algorithm,
                                   const std::vector<Hit>& hits,
                                   const ReconstructionParameters_PhotonEvents& parameters) {
-    return algorithm(dataOf(hits), parameters, NoClusterObserver{}).photonEvents;
+    return algorithm(dataOf(hits), parameters).photonEvents;
 }
 
 /// The number of clusters of two hits: 1 when linked, 2 when not (all clusters accepted).
@@ -195,11 +186,11 @@ TEST(Reconstruction, ResultCarriesTriggersOnlyWhenAsked) {
     const std::vector<Time> triggers{Time(3), Time(1)};
     for (const AlgorithmFunction algorithm : {fullChain, checkNext, forwardChain}) {
         auto p = settings(2, 64, 5);
-        EXPECT_FALSE(algorithm(dataOf({{1, 1, 0, 0}}, triggers), p, {}).extTriggers.has_value());
+        EXPECT_FALSE(algorithm(dataOf({{1, 1, 0, 0}}, triggers), p).extTriggers.has_value());
         p.TDC1 = true;
-        EXPECT_EQ(algorithm(dataOf({{1, 1, 0, 0}}, triggers), p, {}).extTriggers, triggers);
-        EXPECT_EQ(algorithm(dataOf({}), p, {}).extTriggers, std::vector<Time>{});
-        EXPECT_TRUE(algorithm(dataOf({}), p, {}).photonEvents.empty());
+        EXPECT_EQ(algorithm(dataOf({{1, 1, 0, 0}}, triggers), p).extTriggers, triggers);
+        EXPECT_EQ(algorithm(dataOf({}), p).extTriggers, std::vector<Time>{});
+        EXPECT_TRUE(algorithm(dataOf({}), p).photonEvents.empty());
     }
 }
 
@@ -207,7 +198,8 @@ TEST(Reconstruction, DispatcherMatchesNamesExactly) {
     Parameters parameters = [] {
         char name[] = "vundrel";
         char* argv[] = {name, nullptr};
-        return Parameters(1, argv);
+        std::int32_t threshold = 4;
+        return Parameters(1, argv, threshold);
     }();
     const auto p = settings();
     const std::vector<Hit> hits{{1, 1, 0, 0}, {2, 1, 1, 0}, {100, 1, 2, 0}};
@@ -222,26 +214,10 @@ TEST(Reconstruction, DispatcherMatchesNamesExactly) {
                     ThrowsMessage<std::invalid_argument>(StrEq(std::string("Unrecognized algorithm") + name + "!")));
     }
     const auto defaults = make_reconstructionParameters(parameters);
-    EXPECT_EQ(defaults.dSpace, 2.0);
-    EXPECT_EQ(defaults.dTime, Time(64));
-    EXPECT_EQ(defaults.nPxMin, 2u);
-    EXPECT_EQ(defaults.nPxMax, 200u);
-    EXPECT_EQ(defaults.weightMin, 1.0);
-    EXPECT_EQ(defaults.weightMax, 5000.0);
-    EXPECT_FALSE(defaults.TDC1);
+    EXPECT_EQ(defaults.dTime, Time(64)) << "1e-7 s in ticks";
 }
 
 namespace {
-
-/// Records the cluster of every position.
-struct Assignment {
-    void assign(std::size_t position, std::size_t cluster) {
-        ++seen[position];
-        clusterOf[position] = cluster;
-    }
-    std::map<std::size_t, int> seen;
-    std::map<std::size_t, std::size_t> clusterOf;
-};
 
 std::vector<Hit> randomHits(std::mt19937_64& random, std::size_t n, long spread, std::uint64_t side = 24) {
     std::vector<Hit> hits;
@@ -300,7 +276,7 @@ std::vector<PhotonEvent_type> referenceFullChain(const Data_Tpx3Spidr& data,
         }
         if (p.nPxMin <= chain.nPx && chain.nPx <= p.nPxMax && p.weightMin <= static_cast<double>(chain.weightSum) &&
             static_cast<double>(chain.weightSum) <= p.weightMax) {
-            photons.push_back(kavot_tpx3spidr::detail::photonEvent_fromChain(chain));
+            photons.push_back(photonEvent_fromChain(chain));
         }
     }
     return photons;
@@ -336,13 +312,46 @@ std::vector<PhotonEvent_type> referenceForwardChain(const Data_Tpx3Spidr& data,
     for (const auto& chain : chains) {
         if (p.nPxMin <= chain.nPx && chain.nPx <= p.nPxMax && p.weightMin <= static_cast<double>(chain.weightSum) &&
             static_cast<double>(chain.weightSum) <= p.weightMax) {
-            photons.push_back(kavot_tpx3spidr::detail::photonEvent_fromChain(chain));
+            photons.push_back(photonEvent_fromChain(chain));
         }
     }
     return photons;
 }
 
+/// checkNextOnly as it is defined: runs of positions, each linked to the one before it.
+std::vector<PhotonEvent_type> referenceCheckNextOnly(const Data_Tpx3Spidr& data,
+                                                     const ReconstructionParameters_PhotonEvents& p) {
+    std::vector<PhotonEvent_type> photons;
+    for (std::size_t s = 0; s < data.size();) {
+        PixelActivationChain chain(data[s]);
+        std::size_t j = s + 1;
+        while (j < data.size() && std::abs(data[j].get_x_px() - data[j - 1].get_x_px()) < p.dSpace &&
+               std::abs(data[j].get_y_px() - data[j - 1].get_y_px()) < p.dSpace &&
+               data[j].get_toa().get_value() - data[j - 1].get_toa().get_value() < p.dTime.get_value()) {
+            chain.add_pixelActivation_notFirst(data[j++]);
+        }
+        const auto mean = static_cast<double>(chain.weightSum / chain.nPx);
+        if (p.nPxMin <= chain.nPx && chain.nPx <= p.nPxMax && p.weightMin <= mean && mean <= p.weightMax) {
+            photons.push_back(photonEvent_fromChain(chain));
+        }
+        s = j;
+    }
+    return photons;
+}
+
 } // namespace
+
+TEST(Reconstruction, CheckNextOnlyEqualsTheRunsOfLinkedNeighbours) {
+    std::mt19937_64 random(29);
+    for (int round = 0; round < 300; ++round) {
+        const auto data =
+            dataOf(randomHits(random, 20 + random() % 300, 20 + static_cast<long>(random() % 3000), 2 + random() % 8));
+        const auto p = settings(static_cast<double>(random() % 30) / 10.0 - 0.5, static_cast<long>(random() % 80) - 4,
+                                random() % 3, random() % 6, static_cast<double>(random() % 400), 600.0);
+        ASSERT_EQ(reconstruct_photonEvents_checkNextOnly(data, p).photonEvents, referenceCheckNextOnly(data, p))
+            << "round " << round;
+    }
+}
 
 TEST(Reconstruction, ForwardChainEqualsBuildingAllChainsFirst) {
     std::mt19937_64 random(23);
@@ -370,106 +379,5 @@ TEST(Reconstruction, FullChainEqualsTheStepByStepSearch) {
                                 static_cast<double>(random() % 3000));
         ASSERT_EQ(reconstruct_photonEvents_fullChain_direct(data, p).photonEvents, referenceFullChain(data, p))
             << "round " << round;
-    }
-}
-
-TEST(Reconstruction, EveryHitJoinsExactlyOneClusterAndPhotonsAscendInTime) {
-    std::mt19937_64 random(5);
-    for (int round = 0; round < 30; ++round) {
-        const auto data = dataOf(randomHits(random, 400 + random() % 400, 2000 + static_cast<long>(random() % 20000)));
-        const auto p = settings(static_cast<double>(random() % 40) / 10.0 - 0.5, static_cast<long>(random() % 100),
-                                random() % 3, 2 + random() % 10, 1.0, 3000.0 + static_cast<double>(random() % 5000));
-        Assignment full, next, forward;
-        const auto results = {reconstruct_photonEvents_fullChain_direct(data, p, full),
-                              reconstruct_photonEvents_checkNextOnly(data, p, next),
-                              reconstruct_photonEvents_forwardChain_pixelBuildup(data, p, forward)};
-        for (const auto* assignment : {&full, &next, &forward}) {
-            ASSERT_EQ(assignment->seen.size(), data.size());
-            for (const auto& [position, times] : assignment->seen) {
-                ASSERT_EQ(times, 1) << "position " << position;
-            }
-        }
-        for (const auto& result : results) {
-            for (std::size_t k = 1; k < result.photonEvents.size(); ++k) {
-                ASSERT_LE(result.photonEvents[k - 1].toa, result.photonEvents[k].toa);
-            }
-        }
-        // checkNextOnly clusters are runs of consecutive positions.
-        for (std::size_t k = 1; k < data.size(); ++k) {
-            ASSERT_GE(next.clusterOf[k], next.clusterOf[k - 1]);
-            ASSERT_LE(next.clusterOf[k], next.clusterOf[k - 1] + 1);
-        }
-        EXPECT_EQ(reconstruct_photonEvents(data, p).photonEvents, results.begin()->photonEvents);
-    }
-}
-
-TEST(Reconstruction, FullChainInVectorLanesEqualsThePortableSearchWhereverTheLanesStopFitting) {
-    if (!wideCode_supported()) {
-        GTEST_SKIP() << "this processor has no 512-bit vectors: only the portable search runs here";
-    }
-    struct Case {
-        const char* name;
-        std::uint64_t side; // pixels per row and column: few pixels give clusters of more than sixteen members
-        long spread;        // ticks over which the hits lie
-        long dTime;         // above 2^26 the lanes are not used at all
-        short shift;        // added to every coordinate: a negative one does not fit the lanes
-        std::uint64_t nPxMin;
-    };
-    // Where 16-bit differences would wrap (-32768 and 32767 differ by 1 there); a line of thirty pixels, each
-    // linked only by the one before it, past the sixteen lanes; and a chain of members dTime apart at the
-    // largest dTime the lanes take, with a pixel at (0, 0) that no lane may link unless occupied.
-    std::vector<Hit> edges = {{-32768, 7, 100, 5}, {32767, 7, 100, 5}, {-1, 0, 300, 5}, {0, 0, 300, 5}};
-    for (short x = 0; x < 30; ++x) {
-        edges.push_back({static_cast<short>(40 + x), 50, 500, 9});
-    }
-    for (long k = 0; k < 20; ++k) {
-        edges.push_back({9, 9, 1000 + k * (1L << 26), 3});
-        edges.push_back({0, 0, 1000 + k * (1L << 26) + (1L << 25), 3});
-    }
-    for (const long dTime : {64L, 1L << 25, 1L << 26}) {
-        const auto data = dataOf(edges);
-        const auto p = settings(1.0, dTime, 1);
-        DataSetSequence sequence(data);
-        VectorPhotonSink sink(0);
-        NoClusterObserver none;
-        kavot_tpx3spidr::detail::fullChain_direct(sequence, p, sink, none);
-        EXPECT_EQ(sink.photons, referenceFullChain(data, p)) << "dTime " << dTime;
-    }
-
-    const Case cases[] = {
-        {"ordinary", 24, 4000, 64, 0, 2},
-        {"clusters beyond sixteen members", 3, 400, 64, 0, 1},
-        {"rejected clusters carried over", 4, 2000, 64, 0, 30},
-        {"coordinates below zero", 6, 2000, 64, -3, 2},
-        {"coordinates up to 32767", 6, 2000, 64, 32760, 2},
-        {"chains of many dTime", 2, 1L << 31, 1L << 26, 0, 1},
-        {"dTime beyond 2^26", 8, 1L << 34, (1L << 26) + 1, 0, 1},
-    };
-    std::mt19937_64 random(43);
-    for (const Case& c : cases) {
-        for (int round = 0; round < 40; ++round) {
-            SCOPED_TRACE(testing::Message() << c.name << " round " << round);
-            auto hits = randomHits(random, 50 + random() % 400, c.spread, c.side);
-            for (auto& hit : hits) {
-                hit.x = static_cast<short>(hit.x + c.shift * static_cast<short>(random() % 2));
-                hit.y = static_cast<short>(hit.y + c.shift * static_cast<short>(random() % 2));
-            }
-            const auto data = dataOf(hits);
-            const auto p = settings(1.0 + static_cast<double>(random() % 20) / 10.0, c.dTime, c.nPxMin);
-            DataSetSequence wideSequence(data);
-            DataSetSequence portableSequence(data);
-            VectorPhotonSink wide(0);
-            VectorPhotonSink portable(0);
-            Assignment wideClusters;
-            Assignment portableClusters;
-            kavot_tpx3spidr::detail::fullChain_direct(wideSequence, p, wide, wideClusters);
-            kavot_tpx3spidr::detail::fullChain_direct_portable(portableSequence, p, portable, portableClusters);
-            ASSERT_EQ(wide.photons, portable.photons);
-            ASSERT_EQ(wide.photons, referenceFullChain(data, p));
-            ASSERT_EQ(wideClusters.clusterOf, portableClusters.clusterOf);
-            for (const auto& [position, times] : wideClusters.seen) {
-                ASSERT_EQ(times, 1) << "position " << position;
-            }
-        }
     }
 }

@@ -2,6 +2,7 @@
 
 // Helpers shared by the tests: temporary folders, running the program as a process, building .tpx3 words.
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -137,10 +138,15 @@ inline std::uint64_t globalHigh(std::uint64_t high16) {
     return (0x45ULL << 56) | (high16 << 16);
 }
 
-/// One chunk holding `packets`.
-inline std::vector<std::uint64_t> chunk(const std::vector<std::uint64_t>& packets) {
-    std::vector<std::uint64_t> words{chunkHeader(packets.size() * 8)};
-    words.insert(words.end(), packets.begin(), packets.end());
+/// `packets` in chunks of at most `perChunk` packets (one chunk holds at most 8191).
+inline std::vector<std::uint64_t> chunk(const std::vector<std::uint64_t>& packets, std::size_t perChunk = 8000) {
+    std::vector<std::uint64_t> words;
+    for (std::size_t at = 0; at < packets.size() || words.empty(); at += perChunk) {
+        const std::size_t n = std::min(perChunk, packets.size() - at);
+        words.push_back(chunkHeader(n * 8));
+        words.insert(words.end(), packets.begin() + static_cast<std::ptrdiff_t>(at),
+                     packets.begin() + static_cast<std::ptrdiff_t>(at + n));
+    }
     return words;
 }
 

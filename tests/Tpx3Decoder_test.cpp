@@ -156,40 +156,32 @@ TEST(Tpx3Decoder, StructuralErrorsAreFoundBeforeDecoding) {
         ThrowsMessage<std::invalid_argument>(StrEq("Supplied file does not contain a global timestamp!")));
 }
 
-TEST(Tpx3Decoder, FileErrorsHaveTheirMessages) {
+TEST(Tpx3Decoder, FileWalkInSmallWindowsVisitsEveryChunkOnce) {
+    // Windows smaller than a chunk make every chunk straddle a refill of the buffer.
     const TempDir dir;
-    writeFile(dir / "twelve.tpx3", std::string(12, 'T'));
-    EXPECT_THAT([&] { Data_Tpx3Spidr::make_from_file_tpx3spidr<true>(dir / "twelve.tpx3"); },
-                ThrowsMessage<std::logic_error>(StrEq("File contains incomplete lines!")));
-    const std::string missing = dir / "missing.tpx3";
-    EXPECT_THAT([&] { Data_Tpx3Spidr::make_from_file_tpx3spidr<false>(missing); },
-                ThrowsMessage<std::invalid_argument>(StrEq("Unable to open file \"" + missing + "\" !")));
-    EXPECT_THAT([&] { Data_Tpx3Spidr::make_from_file_tpx3spidr<false>(dir.path.string()); },
-                ThrowsMessage<std::invalid_argument>(StrEq("Unable to open file \"" + dir.path.string() + "\" !")));
-    writeFile(dir / "empty.tpx3", "");
-    EXPECT_EQ(Data_Tpx3Spidr::make_from_file_tpx3spidr<false>(dir / "empty.tpx3").size(), 0u);
-    EXPECT_THAT([&] { Data_Tpx3Spidr::make_from_file_tpx3spidr<true>(dir / "empty.tpx3"); },
-                ThrowsMessage<std::invalid_argument>(StrEq("Supplied file does not contain a global timestamp!")));
-}
-
-TEST(Tpx3Decoder, RandomBytesGiveAnErrorOrAValidDataSet) {
-    std::mt19937_64 random(3);
-    for (int round = 0; round < 300; ++round) {
-        std::vector<std::uint64_t> words(1 + random() % 64);
-        for (auto& w : words) {
-            w = random();
-            if (random() % 3 == 0) { // make chunk headers likely, with small sizes
-                w = chunkHeader((random() % 16) * 8) | (random() & 0xFFFF00000000ULL);
-            }
-        }
-        try {
-            const auto data = decode<true>(words);
-            for (std::size_t k = 1; k < data.size(); ++k) {
-                EXPECT_LE(data[k - 1].get_toa(), data[k].get_toa());
-            }
-        } catch (const std::logic_error&) {
-            // One of the decoder's refusals: fine.
-        }
+    tpx3gen::Settings settings;
+    settings.hits = 20000;
+    settings.maxChunkPackets = 900;
+    const auto words = tpx3gen::generate(settings).words;
+    writeWords(dir / "r.tpx3", words);
+    const Tpx3InputFile file(dir / "r.tpx3");
+    for (const std::size_t window : {std::size_t{1}, std::size_t{700}, std::size_t{1} << 20}) {
+        SCOPED_TRACE(window);
+        std::vector<std::uint64_t> walked;
+        for_eachChunk_tpx3(
+            file,
+            [&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t header) {
+                walked.push_back(header);
+                walked.insert(walked.end(), first, last);
+            },
+            window);
+        std::vector<std::uint64_t> inMemory;
+        for_eachChunk_tpx3(words.data(), words.size(),
+                           [&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t header) {
+                               inMemory.push_back(header);
+                               inMemory.insert(inMemory.end(), first, last);
+                           });
+        ASSERT_EQ(walked, inMemory);
     }
 }
 

@@ -63,7 +63,7 @@ PY
         outcome=survived
         survived=$((survived + 1))
     else
-        outcome="killed by $(grep -E '^\s+[0-9]+ - ' "$build/mutation-ctest.log" | sed -E 's/^\s+[0-9]+ - //; s/ \(.*//' | head -3 | paste -sd, -)"
+        outcome="killed by $(grep -E '^\s+[0-9]+ - .*\((Failed|Timeout|SEGFAULT|Subprocess aborted|Exception|Child aborted)' "$build/mutation-ctest.log" | sed -E 's/^\s+[0-9]+ - //; s/ \(.*//' | head -3 | paste -sd, -)"
         killed=$((killed + 1))
     fi
     restore

@@ -17,7 +17,6 @@
 #include <unistd.h>
 
 #include "Data_Tpx3Spidr.hpp"
-#include "Logging.hpp"
 #include "Parameters.hpp"
 #include "PhotonEvents.hpp"
 
@@ -40,56 +39,73 @@ inline void writeBytes(const std::string& path, const std::uint8_t* data, std::s
     stream.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
 }
 
-/// Counts every position once per cluster it is assigned to.
-struct CountingObserver {
-    std::vector<int>* seen;
-    void assign(std::size_t position, std::size_t /*cluster*/) const { ++(*seen)[position]; }
-};
-
-template <bool useGlobalTime>
-void decodeAndCluster(const std::vector<std::uint64_t>& words) {
-    std::optional<Data_Tpx3Spidr> decoded;
-    try {
-        decoded.emplace(Data_Tpx3Spidr::make_from_data_tpx3spidr<useGlobalTime>(words.data(), words.size()));
-    } catch (const std::logic_error&) {
-        return; // one of the decoder's refusals
+/// Runs one algorithm over a sequence and returns its photons.
+template <typename Sequence>
+std::vector<PhotonEvent_type>
+photonsOf(int algorithm, Sequence& sequence, const ReconstructionParameters_PhotonEvents& parameters) {
+    VectorPhotonSink sink;
+    if (algorithm == 0) {
+        reconstruct_photonEvents_fullChain_direct(sequence, parameters, sink);
+    } else if (algorithm == 1) {
+        reconstruct_photonEvents_checkNextOnly(sequence, parameters, sink);
+    } else {
+        reconstruct_photonEvents_forwardChain_pixelBuildup(sequence, parameters, sink);
     }
-    const Data_Tpx3Spidr& data = *decoded;
-    for (std::size_t k = 0; k < data.size(); ++k) {
-        require(data[k].get_x_px() >= 0 && data[k].get_x_px() <= 255);
-        require(data[k].get_y_px() >= 0 && data[k].get_y_px() <= 255);
-        require(k == 0 || data[k - 1].get_toa() <= data[k].get_toa());
-    }
-    const ReconstructionParameters_PhotonEvents parameters{2.0, Time(64), 1, 200, 1.0, 1e9, true};
-    std::vector<int> seen(data.size(), 0);
-    const auto checkPartition = [&] {
-        for (int& count : seen) {
-            require(count == 1);
-            count = 0;
-        }
-    };
-    const auto checkPhotons = [&](const PhotonResult& result) {
-        require(result.extTriggers && result.extTriggers->size() == data.get_tdc1Triggers().size());
-        for (std::size_t k = 1; k < result.photonEvents.size(); ++k) {
-            require(result.photonEvents[k - 1].toa <= result.photonEvents[k].toa);
-        }
-    };
-    checkPhotons(reconstruct_photonEvents_fullChain_direct(data, parameters, CountingObserver{&seen}));
-    checkPartition();
-    checkPhotons(reconstruct_photonEvents_checkNextOnly(data, parameters, CountingObserver{&seen}));
-    checkPartition();
-    checkPhotons(reconstruct_photonEvents_forwardChain_pixelBuildup(data, parameters, CountingObserver{&seen}));
-    checkPartition();
+    return sink.photons;
 }
 
-/// A .tpx3 stream, decoded in both time modes; whatever decodes must be ordered and clustered consistently.
+/// The stream the program reads (census, blocks decoded from the file and merged) against the data set in
+/// memory: the same refusal or the same activations in the same order, and the same photons from every
+/// algorithm, which come in ascending time.
+template <bool useGlobalTime>
+void decodeAndCluster(const std::vector<std::uint64_t>& words, const std::string& path) {
+    std::optional<Data_Tpx3Spidr> decoded;
+    std::string refusal;
+    try {
+        decoded.emplace(Data_Tpx3Spidr::make_from_data_tpx3spidr<useGlobalTime>(words.data(), words.size()));
+    } catch (const std::logic_error& error) {
+        refusal = error.what();
+    }
+    const Tpx3InputFile file(path);
+    std::optional<Tpx3Census> census;
+    try {
+        census.emplace(census_tpx3<useGlobalTime>(file));
+    } catch (const std::logic_error& error) {
+        require(!decoded && refusal == error.what());
+        return;
+    }
+    require(decoded.has_value());
+    const Data_Tpx3Spidr& data = *decoded;
+    require(census->tdcTriggers == data.get_tdc1Triggers());
+    const ReconstructionParameters_PhotonEvents parameters{2.0, Time(64), 1, 200, 1.0, 1e9, true};
+    for (int algorithm = 0; algorithm < 3; ++algorithm) {
+        Tpx3HitSource<useGlobalTime> streamed(file, *census);
+        DataSetSequence inMemory(data);
+        const auto photons = photonsOf(algorithm, inMemory, parameters);
+        require(photonsOf(algorithm, streamed, parameters) == photons);
+        for (std::size_t k = 1; k < photons.size(); ++k) {
+            require(photons[k - 1].toa <= photons[k].toa);
+        }
+    }
+    Tpx3HitSource<useGlobalTime> streamed(file, *census);
+    for (std::size_t k = 0; k < data.size(); ++k) {
+        require(streamed.has(k) && streamed[k] == data[k]);
+        require(data[k].get_x_px() >= 0 && data[k].get_x_px() <= 255 && data[k].get_y_px() <= 255);
+        require(k == 0 || data[k - 1].get_toa() <= data[k].get_toa());
+    }
+    require(!streamed.has(data.size()));
+}
+
+/// A .tpx3 stream, decoded in both time modes.
 inline int tpx3(const std::uint8_t* data, std::size_t size) {
     std::vector<std::uint64_t> words(size / 8);
     if (!words.empty()) {
         std::memcpy(words.data(), data, words.size() * 8);
     }
-    decodeAndCluster<true>(words);
-    decodeAndCluster<false>(words);
+    const std::string path = scratchPath("in.tpx3");
+    writeBytes(path, data, words.size() * 8);
+    decodeAndCluster<true>(words, path);
+    decodeAndCluster<false>(words, path);
     return 0;
 }
 
@@ -101,22 +117,40 @@ inline int paramsFile(const std::uint8_t* data, std::size_t size) {
     std::string option = "-f";
     std::string file = path;
     char* argv[] = {program.data(), option.data(), file.data(), nullptr};
+    std::int32_t threshold = 4;
     try {
-        const Parameters parameters(3, argv);
+        const Parameters parameters(3, argv, threshold);
         require(!parameters.exitEarly);
     } catch (const std::invalid_argument&) {
     }
     return 0;
 }
 
-/// A photon event file: what reads back must write and read back to the same lists.
+/// A photon event file: the batch reader gives what the whole-file reader gives (or the same refusal), and
+/// what reads back must write and read back to the same lists.
 inline int kavotphot(const std::uint8_t* data, std::size_t size) {
     const std::string path = scratchPath("in.kavotphot");
     writeBytes(path, data, size);
     std::optional<PhotonFile::Data_type> read;
+    std::string refusal;
     try {
         read.emplace(PhotonFile().read_fromFile(path));
-    } catch (const std::invalid_argument&) {
+    } catch (const std::invalid_argument& error) {
+        refusal = error.what();
+    }
+    try {
+        PhotonFile::Reader reader(path);
+        require(read.has_value() && reader.photonCount() == read->photonEvents.size());
+        std::size_t k = 0;
+        reader.for_eachPhoton([&](const PhotonEvent_type& photon) { require(photon == read->photonEvents[k++]); });
+        std::vector<Time> triggers;
+        reader.for_eachTrigger([&](Time time) { triggers.push_back(time); });
+        require(read->extTriggers.has_value() == reader.triggerCount().has_value());
+        require(triggers == read->extTriggers.value_or(std::vector<Time>{}));
+    } catch (const std::invalid_argument& error) {
+        require(!read && refusal == error.what());
+    }
+    if (!read) {
         return 0;
     }
     const std::string again = scratchPath("again.kavotphot");
@@ -155,14 +189,13 @@ inline int commandLine(const std::uint8_t* data, std::size_t size) {
         argv.push_back(arg.data());
     }
     argv.push_back(nullptr);
-    const std::int32_t savedLevel = logLevel;
+    std::int32_t threshold = 4;
     try {
-        const Parameters parameters(static_cast<int>(args.size()), argv.data());
+        const Parameters parameters(static_cast<int>(args.size()), argv.data(), threshold);
         (void)parameters;
     } catch (const std::invalid_argument&) {
     } catch (const std::out_of_range&) {
     }
-    logLevel = savedLevel;
     return 0;
 }
 

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Bounded coverage-guided fuzzing of every parser of outside data: the .tpx3 decoder (both time modes, with
-# clustering), the parameter file, the .kavotphot reader and the command line. Seeds come from the project's
-# own generator and writers; every input in tests/fuzz/regressions/ is replayed first. Any crash, leak,
-# sanitizer report or time-out fails the run and leaves the input under build/fuzz/findings/.
+# Bounded coverage-guided fuzzing of every parser of outside data: the .tpx3 decoder (the stream the program
+# reads against the data set in memory, both time modes, with clustering), the parameter file, the .kavotphot
+# readers and the command line. Seeds come from the project's own generator and program; every input in
+# tests/fuzz/regressions/ is replayed first. Any crash, leak, sanitizer report or time-out fails the run and
+# leaves the input under build/fuzz/findings/.
 # Usage: tests/fuzz/run.sh [SECONDS_PER_TARGET]
 set -euo pipefail
 cd "$(dirname "$0")/../.."
@@ -12,8 +13,28 @@ cmake --build --preset fuzz
 build=build/fuzz
 work=$build/fuzz-work
 rm -rf "$work"
-mkdir -p "$work/findings"
-"$build/tests/fuzz/make_corpus" "$work/seeds"
+mkdir -p "$work/findings" "$work/seeds"/{tpx3,paramsFile,kavotphot,commandLine}
+
+# Seeds: small generated recordings of every shape, photon files the program wrote from them, parameter files
+# and command lines.
+seed=0
+for options in "" "--disorder 2e-7" "--reverse" "--disorder 2e-7 --reverse" "--rate 2 --start 30"; do
+    seed=$((seed + 1))
+    # shellcheck disable=SC2086
+    "$build/tools/tpx3gen" -o "$work/seeds/tpx3/generated_$seed" --hits 60 --max-chunk 16 --tdc-rate 2e5 \
+        --global-interval 1e-6 --seed "$seed" $options > /dev/null
+done
+cp "$work/seeds/tpx3/generated_1" "$work/seed.tpx3"
+"$build/vundrel" -i "$work/seed.tpx3" -o "$work/seeds/kavotphot/triggers.kavotphot" -T -k 1 --verbose -2
+"$build/vundrel" -i "$work/seed.tpx3" -o "$work/seeds/kavotphot/plain.kavotphot" -k 1000 --verbose -2
+echo '{"vundrel": {"dSpace": 2.5, "dTime": 5e-7, "nPxMin": 3, "nPxMax": 100, "TDC1": true, "algorithm": "checkNextOnly"}}' \
+    > "$work/seeds/paramsFile/all"
+echo '{"vundrel": {"nPxMin": 2.0, "dSpace": "3", "TDC1": 1}, "other": [1, null]}' > "$work/seeds/paramsFile/types"
+printf '%s\0' -i a.tpx3 -o b.kavotphot -s 3 -t 1e-6 -T > "$work/seeds/commandLine/run"
+printf '%s\0' --dS=2.5 --algorithm checkNextOnly --verbose 2 -k -1 --globalTime_ignore --photImgPath x -m 1 \
+    > "$work/seeds/commandLine/long"
+printf '%s\0' -h --version --license -- stray > "$work/seeds/commandLine/help"
+
 for target in tpx3 paramsFile kavotphot commandLine; do
     mkdir -p "$work/corpus/$target"
     echo "fuzz: $target for $seconds s"

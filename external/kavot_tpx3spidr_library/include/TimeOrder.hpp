@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <limits>
 #include <utility>
 #include <vector>
@@ -11,9 +12,21 @@
 
 namespace kavot_tpx3spidr {
 
+// The time order of the pixel activations of a recording, as the data set defines it: activations are taken in
+// file order; each is repaired against the largest time so far (a time more than 2^33 ticks behind it has
+// wrapped the 34-bit pixel clock and gains one 2^34-tick period, once; the first is never repaired); then all
+// are sorted stably by time, so that equal times keep their file order.
+//
+// The largest time so far does not depend on where earlier activations were placed, so the repair is a running
+// maximum that one pass in file order settles. The sort is then a plain stable sort by time. It is done in two
+// steps: each block of consecutive chunks is sorted on its own (`TimeOrdering`), and the sorted blocks are
+// merged (`HitMerge`), ties going to the earlier block, which holds the earlier file positions.
+
 /// A pixel time more than this far behind the latest time so far has wrapped the 34-bit pixel clock.
 constexpr long rolloverThreshold_ticks = 1L << 33;
 constexpr long rolloverPeriod_ticks = 1L << 34;
+/// The latest time before the first activation: there is none, and the first activation is never repaired.
+constexpr long noTime_ticks = std::numeric_limits<long>::min();
 
 namespace detail {
 
@@ -25,110 +38,89 @@ inline long wrapping_add(long a, long b) noexcept {
     return static_cast<long>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
 }
 
-/// Stable ascending sort by time: LSD radix over the bits in which the times differ, 11 bits a pass. Linear in
-/// n whatever the input order.
-inline void radixSort_byTime(std::vector<PixelActivation>& activations) {
-    const std::size_t n = activations.size();
-    if (n < 2) {
-        return;
-    }
-    long minimum = activations[0].get_toa().get_value();
-    long maximum = minimum;
-    for (const auto& activation : activations) {
-        minimum = std::min(minimum, activation.get_toa().get_value());
-        maximum = std::max(maximum, activation.get_toa().get_value());
-    }
-    const auto key = [minimum](const PixelActivation& activation) {
-        return static_cast<std::uint64_t>(activation.get_toa().get_value()) - static_cast<std::uint64_t>(minimum);
-    };
-    const std::uint64_t span = static_cast<std::uint64_t>(maximum) - static_cast<std::uint64_t>(minimum);
-    constexpr unsigned digitBits = 11;
-    constexpr std::size_t buckets = std::size_t{1} << digitBits;
-    std::vector<PixelActivation> scratch;
-    scratch.reserve(n);
-    scratch.resize(n, activations[0]);
-    std::vector<std::size_t> offsets(buckets);
-    for (unsigned shift = 0; shift < 64 && (span >> shift) != 0; shift += digitBits) {
-        std::fill(offsets.begin(), offsets.end(), 0);
-        for (const auto& activation : activations) {
-            ++offsets[(key(activation) >> shift) & (buckets - 1)];
-        }
-        std::size_t start = 0;
-        for (auto& offset : offsets) {
-            start += std::exchange(offset, start);
-        }
-        for (const auto& activation : activations) {
-            scratch[offsets[(key(activation) >> shift) & (buckets - 1)]++] = activation;
-        }
-        activations.swap(scratch);
-    }
-}
-
 } // namespace detail
 
-/// The rollover repair of times taken in file order: a time more than 2^33 ticks behind the largest time so far
-/// gains one 2^34-tick period, once; the first time is never repaired.
-class RolloverRepair {
-public:
-    /// A time that follows others whose largest is `latest`, repaired.
-    [[nodiscard]] static long repaired(long latest, long toa) noexcept {
-        return detail::wrapping_sub(latest, toa) > rolloverThreshold_ticks
-                   ? detail::wrapping_add(toa, rolloverPeriod_ticks)
-                   : toa;
+/// Repairs `toa` against `latest`, the largest repaired time before it (`noTime_ticks` before the first), and
+/// makes `latest` include it. Returns the repaired time.
+[[nodiscard]] inline long repair_rollover(long& latest, long toa) noexcept {
+    if (latest == noTime_ticks) [[unlikely]] {
+        latest = toa;
+        return toa;
     }
-
-    void apply(Time& toa) noexcept {
-        if (first) {
-            first = false;
-        } else {
-            toa = Time(repaired(latest, toa.get_value()));
-        }
-        latest = std::max(latest, toa.get_value());
+    if (detail::wrapping_sub(latest, toa) > rolloverThreshold_ticks) {
+        toa = detail::wrapping_add(toa, rolloverPeriod_ticks);
     }
+    latest = std::max(latest, toa);
+    return toa;
+}
 
-private:
-    long latest = std::numeric_limits<long>::min();
-    bool first = true;
-};
-
-/// Builds the time order of activations that arrive in file order: each is repaired against the latest time so
-/// far and inserted behind every activation whose time is not later.
+/// Puts activations that arrive in file order (already repaired) into stable time order as they arrive: each is
+/// placed behind every activation whose time is not later.
 ///
-/// That is the definition of the order: a stable ascending sort by time, where an activation more than 2^33
-/// ticks behind the largest time so far gains one 2^34-tick period first. The largest time so far does not
-/// depend on where earlier activations were inserted, so it is a running maximum. Insertion is linear for the
-/// nearly ordered input of a real readout. Once the entries moved exceed a budget proportional to n, insertion
-/// stops and the remaining activations are only appended; `finish` then sorts everything with a stable radix
-/// sort. At that point the activations form a stably sorted prefix of file positions 0 to i - 1 followed by
-/// positions i to n - 1 in file order, so a stable sort of the whole keeps every tie in file order, as insertion
-/// would have. No input becomes quadratic.
+/// Insertion is linear for the nearly ordered input of a real readout. Once the entries moved exceed a budget
+/// proportional to the count, insertion stops and the remaining activations are only appended; `finish` then
+/// sorts everything with a stable radix sort. At that point the vector is a stably sorted prefix followed by
+/// the rest in file order, so a stable sort of the whole keeps every tie in file order, as insertion would have.
+/// No input becomes quadratic.
 class TimeOrdering {
 public:
     TimeOrdering(std::vector<PixelActivation>& activations_, std::size_t expected) noexcept
         : activations(activations_), moveBudget(8 * expected + 4096) {}
 
-    /// Repairs and places the activation at position i, the next in file order; positions 0 to i - 1 hold the
-    /// activations placed so far.
-    void place(std::size_t i) noexcept {
-        Time& toa = activations[i].get_toa();
-        repair.apply(toa);
-        if (i == 0 || insertionAbandoned || !(toa < activations[i - 1].get_toa())) {
+    void add(const PixelActivation& activation) {
+        activations.push_back(activation);
+        const std::size_t i = activations.size() - 1;
+        if (i == 0 || insertionAbandoned || !(activation.get_toa() < activations[i - 1].get_toa())) {
             return;
         }
-        const PixelActivation moving = activations[i];
         std::size_t k = i;
-        while (k > 0 && activations[k - 1].get_toa() > moving.get_toa()) {
+        while (k > 0 && activations[k - 1].get_toa() > activation.get_toa()) {
             activations[k] = activations[k - 1];
             --k;
         }
-        activations[k] = moving;
+        activations[k] = activation;
         moves += i - k;
         insertionAbandoned = moves > moveBudget;
     }
 
     void finish() {
         if (insertionAbandoned) {
-            detail::radixSort_byTime(activations);
+            radixSort_byTime(activations);
+        }
+    }
+
+    /// Stable ascending sort by time: LSD radix over the bits in which the times differ, 11 bits a pass.
+    static void radixSort_byTime(std::vector<PixelActivation>& all) {
+        const std::size_t n = all.size();
+        if (n < 2) {
+            return;
+        }
+        const auto [lowest, highest] =
+            std::minmax_element(all.begin(), all.end(), [](const PixelActivation& a, const PixelActivation& b) {
+                return a.get_toa() < b.get_toa();
+            });
+        const auto minimum = static_cast<std::uint64_t>(lowest->get_toa().get_value());
+        const std::uint64_t span = static_cast<std::uint64_t>(highest->get_toa().get_value()) - minimum;
+        const auto key = [minimum](const PixelActivation& activation) {
+            return static_cast<std::uint64_t>(activation.get_toa().get_value()) - minimum;
+        };
+        constexpr unsigned digitBits = 11;
+        constexpr std::size_t buckets = std::size_t{1} << digitBits;
+        std::vector<PixelActivation> scratch(n, all[0]);
+        std::vector<std::size_t> offsets(buckets);
+        for (unsigned shift = 0; shift < 64 && (span >> shift) != 0; shift += digitBits) {
+            std::fill(offsets.begin(), offsets.end(), 0);
+            for (const auto& activation : all) {
+                ++offsets[(key(activation) >> shift) & (buckets - 1)];
+            }
+            std::size_t start = 0;
+            for (auto& offset : offsets) {
+                start += std::exchange(offset, start);
+            }
+            for (const auto& activation : all) {
+                scratch[offsets[(key(activation) >> shift) & (buckets - 1)]++] = activation;
+            }
+            all.swap(scratch);
         }
     }
 
@@ -136,17 +128,78 @@ private:
     std::vector<PixelActivation>& activations;
     std::size_t moveBudget;
     std::size_t moves = 0;
-    RolloverRepair repair;
     bool insertionAbandoned = false;
 };
 
-/// Repairs rollovers and puts activations given in file order into time order, in place (see `TimeOrdering`).
-inline void order_byTime(std::vector<PixelActivation>& activations) {
-    TimeOrdering ordering(activations, activations.size());
-    for (std::size_t i = 0; i < activations.size(); ++i) {
-        ordering.place(i);
+/// Merges runs of activations, each in stable time order and each holding later file positions than the runs
+/// added before it, into the stable time order of all of them: the smallest time first, and among equal times
+/// the run added first.
+///
+/// Activations are released only up to a bound given by the caller: the smallest time that any activation not
+/// yet added can have. An activation not later than the bound that is first among all the runs is first among
+/// everything still to come (a later run has no earlier time and, with an equal time, a later file position), so
+/// what is released is a prefix of the order of the whole recording.
+class HitMerge {
+public:
+    void add_run(std::vector<PixelActivation>&& run) {
+        if (!run.empty()) {
+            runs.push_back({std::move(run), 0});
+        }
     }
-    ordering.finish();
-}
+
+    [[nodiscard]] bool empty() const noexcept { return runs.empty(); }
+
+    /// Appends to `out`, in order, every activation that precedes all others still held and is not later than
+    /// `bound`.
+    void release(long bound, std::vector<PixelActivation>& out) {
+        while (!runs.empty()) {
+            // The run whose next activation comes first (ties to the oldest run), and how far it may go: up to
+            // (excluding) the next activation of an older run, up to (including) that of a newer one.
+            std::size_t first = 0;
+            for (std::size_t r = 1; r < runs.size(); ++r) {
+                if (runs[r].next() < runs[first].next()) {
+                    first = r;
+                }
+            }
+            long upTo = bound;                              // inclusive
+            long before = std::numeric_limits<long>::max(); // exclusive
+            bool beforeOlder = false;
+            for (std::size_t r = 0; r < runs.size(); ++r) {
+                if (r < first) {
+                    before = std::min(before, runs[r].next());
+                    beforeOlder = true;
+                } else if (r > first) {
+                    upTo = std::min(upTo, runs[r].next());
+                }
+            }
+            Run& run = runs[first];
+            const auto begin = run.activations.begin() + static_cast<std::ptrdiff_t>(run.cursor);
+            auto end = std::upper_bound(begin, run.activations.end(), upTo, [](long time, const PixelActivation& a) {
+                return time < a.get_toa().get_value();
+            });
+            if (beforeOlder) {
+                end = std::lower_bound(begin, end, before, [](const PixelActivation& a, long time) {
+                    return a.get_toa().get_value() < time;
+                });
+            }
+            if (end == begin) {
+                return;
+            }
+            out.insert(out.end(), begin, end);
+            run.cursor = static_cast<std::size_t>(end - run.activations.begin());
+            if (run.cursor == run.activations.size()) {
+                runs.erase(runs.begin() + static_cast<std::ptrdiff_t>(first));
+            }
+        }
+    }
+
+private:
+    struct Run {
+        std::vector<PixelActivation> activations;
+        std::size_t cursor;
+        [[nodiscard]] long next() const noexcept { return activations[cursor].get_toa().get_value(); }
+    };
+    std::deque<Run> runs;
+};
 
 } // namespace kavot_tpx3spidr

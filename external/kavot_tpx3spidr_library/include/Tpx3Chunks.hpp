@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
+#include <type_traits>
 #include <vector>
 
 #include "Tpx3InputFile.hpp"
@@ -26,13 +27,31 @@ chunkEnd_checked(std::uint64_t headerWord, std::uint64_t header, std::uint64_t s
     return end;
 }
 
-/// Calls `onChunk(first, last)` with the packet words of every chunk of words in memory, in order.
+namespace detail {
+
+/// Calls `onChunk`; a chunk handler that returns a bool ends the walk by returning false.
+template <typename OnChunk>
+bool continueAfter(OnChunk& onChunk, const std::uint64_t* first, const std::uint64_t* last, std::uint64_t header) {
+    if constexpr (std::is_same_v<decltype(onChunk(first, last, header)), bool>) {
+        return onChunk(first, last, header);
+    } else {
+        onChunk(first, last, header);
+        return true;
+    }
+}
+
+} // namespace detail
+
+/// Calls `onChunk(first, last, headerIndex)` with the packet words of every chunk of words in memory, in order,
+/// and the word index of the chunk's header.
 template <typename OnChunk>
 void for_eachChunk_tpx3(const std::uint64_t* data, std::size_t size, OnChunk&& onChunk) {
     std::uint64_t i = 0;
     while (i < size) {
         const std::uint64_t end = chunkEnd_checked(data[i], i, size);
-        onChunk(data + i + 1, data + end);
+        if (!detail::continueAfter(onChunk, data + i + 1, data + end, i)) {
+            return;
+        }
         i = end;
     }
 }
@@ -41,8 +60,9 @@ void for_eachChunk_tpx3(const std::uint64_t* data, std::size_t size, OnChunk&& o
 constexpr std::size_t maxChunk_words = 1 + 0xFFFF / 8;
 
 /// Calls `onChunk(first, last, headerIndex)` for every chunk of a file, in order, with the packet words of the
-/// chunk and the word index of its header. The file is read in windows of about `window_words`, so memory does
-/// not grow with the file. A file whose size is no multiple of 8 bytes is refused first.
+/// chunk and the word index of its header (a handler returning a bool ends the walk with false). The file is read in
+/// windows of about `window_words`, so memory does not grow with the file. A file whose size is no multiple of 8 bytes
+/// is refused first.
 template <typename OnChunk>
 void for_eachChunk_tpx3(const Tpx3InputFile& file, OnChunk&& onChunk, std::size_t window_words = std::size_t{1} << 20) {
     if (file.size_bytes() % 8 != 0) {
@@ -68,7 +88,9 @@ void for_eachChunk_tpx3(const Tpx3InputFile& file, OnChunk&& onChunk, std::size_
         }
         const std::uint64_t header = bufferStart + at;
         const std::uint64_t end = chunkEnd_checked(buffer[at], header, size);
-        onChunk(buffer.data() + at + 1, buffer.data() + (end - bufferStart), header);
+        if (!detail::continueAfter(onChunk, buffer.data() + at + 1, buffer.data() + (end - bufferStart), header)) {
+            return;
+        }
         at = static_cast<std::size_t>(end - bufferStart);
     }
 }

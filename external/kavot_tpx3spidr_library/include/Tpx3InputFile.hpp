@@ -37,6 +37,9 @@ public:
     [[nodiscard]] std::uint64_t size_bytes() const noexcept { return static_cast<std::uint64_t>(opened.st_size); }
     [[nodiscard]] std::uint64_t size_words() const noexcept { return size_bytes() / 8; }
     [[nodiscard]] const std::string& get_path() const noexcept { return path; }
+    /// The file's identity, to recognise it under another name.
+    [[nodiscard]] dev_t get_device() const noexcept { return opened.st_dev; }
+    [[nodiscard]] ino_t get_inode() const noexcept { return opened.st_ino; }
 
     /// Reads `count` words from word `first` on. Safe to call from several threads at once.
     void read_words(std::uint64_t first, std::size_t count, std::uint64_t* destination) const {

@@ -1,0 +1,137 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <stdexcept>
+#include <vector>
+
+#include "TimeOrder.hpp"
+#include "Tpx3Chunks.hpp"
+#include "Tpx3InputFile.hpp"
+#include "Tpx3Packet.hpp"
+#include "Tpx3TimeScale.hpp"
+
+namespace kavot_tpx3spidr {
+
+/// A stretch of whole consecutive chunks of a recording, decoded and put in time order on its own; the census
+/// records what that needs from the rest of the recording.
+struct Tpx3Block {
+    std::uint64_t firstWord;  ///< the header of its first chunk
+    std::uint64_t endWord;    ///< just past its last chunk: the next block's first word
+    std::uint64_t pixelCount; ///< pixel packets in the block
+    /// The largest repaired pixel time before the block (`noTime_ticks` before the first activation): the
+    /// rollover repair of the block's activations starts from it.
+    long latestBefore;
+    /// The smallest repaired pixel time of all later blocks (the largest long when there are none): no
+    /// activation decoded after this block is earlier.
+    long minAfter;
+};
+
+/// What the first pass over a recording finds: the structure is valid (every structural error of the
+/// recording is found here, before anything is decoded), the packet counts, the time scale's reference, the
+/// TDC trigger times in file order, and the recording cut into blocks.
+struct Tpx3Census {
+    std::uint64_t pixelCount = 0;
+    std::uint64_t tdcCount = 0;
+    std::uint64_t reference_ticks = 0; ///< the first global timestamp; 0 when the raw times are used
+    std::vector<Time> tdcTriggers;
+    std::vector<Tpx3Block> blocks;
+};
+
+/// The first global timestamp in ticks (25 ns units times 16), found by walking the chunks up to it. `walk`
+/// calls a chunk handler as `for_eachChunk_tpx3` does (and checks the structure on the way).
+template <typename Walk>
+[[nodiscard]] std::optional<std::uint64_t> firstGlobalTimestamp_tpx3(Walk&& walk) {
+    std::optional<std::uint64_t> found;
+    std::uint64_t latestLow = 0; // a high part before any low part completes a timestamp with low part 0
+    walk([&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t /*header*/) {
+        for (const std::uint64_t* p = first; p != last; ++p) {
+            if (tpx3::packetType(*p) != tpx3::type_globalTime) {
+                continue;
+            }
+            if (tpx3::globalSubtype(*p) == tpx3::globalSubtype_low) {
+                latestLow = tpx3::globalLow(*p);
+            } else if (tpx3::globalSubtype(*p) == tpx3::globalSubtype_high) {
+                found = tpx3::globalTimestamp_ticks(*p, latestLow);
+                return false;
+            }
+        }
+        return true;
+    });
+    return found;
+}
+
+namespace detail {
+
+/// Blocks hold at least this many words; a recording is cut into at most about 65536 of them, so that the
+/// census stays small for any size of recording.
+[[nodiscard]] inline std::uint64_t blockWords_for(std::uint64_t size_words) noexcept {
+    constexpr std::uint64_t smallest = std::uint64_t{1} << 15;
+    constexpr std::uint64_t mostBlocks = std::uint64_t{1} << 16;
+    return std::max(smallest, (size_words + mostBlocks - 1) / mostBlocks);
+}
+
+} // namespace detail
+
+/// The census of a recording: `walk(onChunk)` walks its chunks as `for_eachChunk_tpx3` does, `size_words` is
+/// its length. With `useGlobalTime` the first global timestamp is found first (a short walk for a real
+/// recording, which starts with one), because every time is placed around it; a recording without one is
+/// refused, once its whole structure has been checked.
+template <bool useGlobalTime, typename Walk>
+[[nodiscard]] Tpx3Census census_tpx3(Walk&& walk, std::uint64_t size_words) {
+    Tpx3Census census;
+    if constexpr (useGlobalTime) {
+        const std::optional<std::uint64_t> reference = firstGlobalTimestamp_tpx3(walk);
+        if (!reference) {
+            throw std::invalid_argument("Supplied file does not contain a global timestamp!");
+        }
+        census.reference_ticks = *reference;
+    }
+    const Tpx3TimeScale<useGlobalTime> timeScale(census.reference_ticks);
+    const std::uint64_t blockWords = detail::blockWords_for(size_words);
+    long latest = noTime_ticks;
+    walk([&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t header) {
+        if (census.blocks.empty() || header - census.blocks.back().firstWord >= blockWords) {
+            // minAfter holds the block's own smallest time until the pass is over.
+            census.blocks.push_back({header, header, 0, latest, std::numeric_limits<long>::max()});
+        }
+        Tpx3Block& block = census.blocks.back();
+        for (const std::uint64_t* p = first; p != last; ++p) {
+            const std::uint64_t type = tpx3::packetType(*p);
+            if (type == tpx3::type_pixel) {
+                ++block.pixelCount;
+                const long time = repair_rollover(latest, timeScale.pixelTime(tpx3::decode_pixel(*p).time_ticks));
+                block.minAfter = std::min(block.minAfter, time);
+            } else if (type == tpx3::type_tdc) {
+                census.tdcTriggers.push_back(timeScale.tdcTime(tpx3::decode_tdcTime(*p)));
+            }
+        }
+        block.endWord = header + 1 + static_cast<std::uint64_t>(last - first);
+    });
+    long later = std::numeric_limits<long>::max();
+    for (auto block = census.blocks.rbegin(); block != census.blocks.rend(); ++block) {
+        census.pixelCount += block->pixelCount;
+        const long own = block->minAfter;
+        block->minAfter = later;
+        later = std::min(later, own);
+    }
+    census.tdcCount = census.tdcTriggers.size();
+    return census;
+}
+
+/// The census of a recording file.
+template <bool useGlobalTime>
+[[nodiscard]] Tpx3Census census_tpx3(const Tpx3InputFile& file) {
+    return census_tpx3<useGlobalTime>([&](auto&& onChunk) { for_eachChunk_tpx3(file, onChunk); }, file.size_words());
+}
+
+/// The census of a recording already in memory (the words are not modified).
+template <bool useGlobalTime>
+[[nodiscard]] Tpx3Census census_tpx3(const std::uint64_t* data, std::size_t size) {
+    return census_tpx3<useGlobalTime>([&](auto&& onChunk) { for_eachChunk_tpx3(data, size, onChunk); }, size);
+}
+
+} // namespace kavot_tpx3spidr

@@ -1,0 +1,96 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <vector>
+
+#include "TimeOrder.hpp"
+#include "Tpx3Census.hpp"
+#include "Tpx3InputFile.hpp"
+#include "Tpx3TimeScale.hpp"
+
+namespace kavot_tpx3spidr {
+
+/// The pixel activations of a recording in the data set's time order, decoded a block at a time from the file
+/// and released as a sequence for the clustering algorithms (see `HitSequence.hpp`), holding only what is not
+/// yet certain plus what the reader still needs.
+///
+/// Each block is decoded with the rollover repair starting from the latest time the census found before it,
+/// and sorted on its own; the sorted blocks are merged. After block b, everything not later than the smallest
+/// time of all later blocks (which the census knows) is certain and is released.
+template <bool useGlobalTime>
+class Tpx3HitSource {
+public:
+    /// `census` must come from `census_tpx3<useGlobalTime>` over the same file.
+    Tpx3HitSource(const Tpx3InputFile& file_, const Tpx3Census& census_)
+        : file(file_), census(census_), timeScale(census_.reference_ticks) {}
+
+    [[nodiscard]] bool has(std::size_t position) {
+        while (position >= base + released.size()) {
+            if (!decodeMore()) {
+                return false;
+            }
+        }
+        return true;
+    }
+    [[nodiscard]] const PixelActivation& operator[](std::size_t position) const { return released[position - base]; }
+
+    /// Positions from the last `discardBefore` up to this one are held next to each other in memory, until the
+    /// next `has` that has to decode.
+    [[nodiscard]] std::size_t readableEnd() const noexcept { return base + released.size(); }
+
+    /// The positions before `position` will not be read again. They are dropped when the next block is
+    /// released, so that what a reader holds stays in place until then.
+    void discardBefore(std::size_t position) noexcept { discardPoint = std::max(discardPoint, position); }
+
+private:
+    /// Decodes the next block and releases what has become certain. Returns false when nothing is left.
+    [[gnu::noinline]] bool decodeMore() {
+        if (nextBlock == census.blocks.size()) {
+            return false;
+        }
+        const Tpx3Block& block = census.blocks[nextBlock++];
+        words.resize(static_cast<std::size_t>(block.endWord - block.firstWord));
+        file.read_words(block.firstWord, words.size(), words.data());
+        std::vector<PixelActivation> run;
+        run.reserve(static_cast<std::size_t>(block.pixelCount));
+        TimeOrdering ordering(run, run.capacity());
+        long latest = block.latestBefore;
+        for_eachPixel_repaired(words.data(), words.size(), timeScale, latest,
+                               [&](const tpx3::PixelFields& pixel, long time) {
+                                   ordering.add(PixelActivation(pixel.x, pixel.y, Time(time), pixel.tot));
+                               });
+        ordering.finish();
+        if (run.size() != block.pixelCount) {
+            throw file.changed(); // the census counted other packets here
+        }
+        compact();
+        merge.add_run(std::move(run));
+        merge.release(block.minAfter, released);
+        return true;
+    }
+
+    /// Drops the discarded activations; they move only when the dropped part is large and at least half of
+    /// what is held, so every activation moves a bounded number of times.
+    void compact() {
+        const std::size_t drop = std::min(discardPoint - base, released.size());
+        if (drop >= 4096 && 2 * drop >= released.size()) {
+            released.erase(released.begin(), released.begin() + static_cast<std::ptrdiff_t>(drop));
+            base += drop;
+        }
+    }
+
+    const Tpx3InputFile& file;
+    const Tpx3Census& census;
+    Tpx3TimeScale<useGlobalTime> timeScale;
+    std::size_t nextBlock = 0;
+    std::vector<std::uint64_t> words; ///< the block being decoded
+    HitMerge merge;
+    std::vector<PixelActivation> released; ///< positions from `base` on
+    std::size_t base = 0;
+    std::size_t discardPoint = 0;
+};
+
+} // namespace kavot_tpx3spidr

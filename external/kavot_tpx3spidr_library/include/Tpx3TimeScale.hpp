@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "TimeOrder.hpp"
+#include "Tpx3Packet.hpp"
+#include "Units.hpp"
+
+namespace kavot_tpx3spidr {
+
+/// Turns raw packet times into the time scale of a decode: extended around the recording's first global
+/// timestamp (`useGlobalTime`), or the raw counter values.
+template <bool useGlobalTime>
+class Tpx3TimeScale {
+public:
+    explicit Tpx3TimeScale(std::uint64_t reference_ticks) noexcept
+        : pixelExtension(reference_ticks), tdcExtension(reference_ticks) {}
+
+    [[nodiscard]] long pixelTime(std::int64_t raw) const noexcept {
+        if constexpr (useGlobalTime) {
+            return pixelExtension.extend(tpx3::pixelTime_forExtension(raw));
+        } else {
+            return raw;
+        }
+    }
+    [[nodiscard]] Time tdcTime(std::uint64_t raw) const noexcept {
+        if constexpr (useGlobalTime) {
+            return Time(tdcExtension.extend(raw));
+        } else {
+            return Time(static_cast<long>(raw));
+        }
+    }
+
+private:
+    tpx3::TimeExtension<tpx3::pixelPeriod_ticks> pixelExtension;
+    tpx3::TimeExtension<tpx3::tdcPeriod_ticks> tdcExtension;
+};
+
+/// Calls `onPixel(fields, time)` for every pixel packet of the `count` words of whole chunks at `words` (headers
+/// included, structure already checked), with the time repaired against `latest`.
+template <bool useGlobalTime, typename OnPixel>
+void for_eachPixel_repaired(const std::uint64_t* words,
+                            std::size_t count,
+                            const Tpx3TimeScale<useGlobalTime>& timeScale,
+                            long& latest,
+                            OnPixel&& onPixel) {
+    std::size_t i = 0;
+    while (i < count) {
+        const std::size_t end = i + 1 + static_cast<std::size_t>(tpx3::chunkWords(words[i]));
+        for (std::size_t w = i + 1; w < end; ++w) {
+            if (tpx3::packetType(words[w]) == tpx3::type_pixel) {
+                const tpx3::PixelFields pixel = tpx3::decode_pixel(words[w]);
+                onPixel(pixel, repair_rollover(latest, timeScale.pixelTime(pixel.time_ticks)));
+            }
+        }
+        i = end;
+    }
+}
+
+} // namespace kavot_tpx3spidr

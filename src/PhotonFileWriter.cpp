@@ -1,0 +1,78 @@
+#include "PhotonFileWriter.hpp"
+
+#include <algorithm>
+#include <cerrno>
+
+#include <unistd.h>
+
+using kavot_tpx3spidr::PhotonFile;
+
+namespace {
+
+constexpr std::size_t bufferSize_bytes = std::size_t{1} << 20;
+
+bool writeAll(int fd, const char* bytes, std::size_t n, off_t at = -1) {
+    while (n > 0) {
+        const ssize_t written = at >= 0 ? ::pwrite(fd, bytes, n, at) : ::write(fd, bytes, n);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return false;
+        }
+        bytes += written;
+        n -= static_cast<std::size_t>(written);
+        if (at >= 0) {
+            at += written;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+PhotonFileWriter::PhotonFileWriter(int fd_) : fd(fd_), buffer(bufferSize_bytes) {
+    // The sizes that depend on the photon count are written as 0 and filled in by finish.
+    char start[PhotonFile::photons_offset];
+    PhotonFile::store_fileStart(start, 0);
+    PhotonFile::store_blockHeader(start + PhotonFile::photonBlock_offset, PhotonFile::IO_PhotonEvents::identifier, 0);
+    append(start, sizeof start);
+}
+
+void PhotonFileWriter::write_triggers(const std::vector<kavot_tpx3spidr::Time>& times) {
+    char header[PhotonFile::headerSize_bytes];
+    PhotonFile::store_blockHeader(header, PhotonFile::IO_ExtTriggers::identifier,
+                                  PhotonFile::trigger_bytes * times.size());
+    append(header, sizeof header);
+    for (const auto time : times) {
+        char value[PhotonFile::trigger_bytes];
+        PhotonFile::store_trigger(value, time);
+        append(value, sizeof value);
+    }
+    triggers = times.size();
+}
+
+bool PhotonFileWriter::finish() {
+    flush();
+    char start[PhotonFile::photons_offset];
+    PhotonFile::store_fileStart(start, PhotonFile::contentBlocks_bytes(photons, triggers));
+    PhotonFile::store_blockHeader(start + PhotonFile::photonBlock_offset, PhotonFile::IO_PhotonEvents::identifier,
+                                  PhotonFile::photonRecord_bytes * photons);
+    failed = failed || !writeAll(fd, start, sizeof start, 0);
+    return !failed;
+}
+
+void PhotonFileWriter::append(const char* bytes, std::size_t n) {
+    if (used + n > buffer.size()) {
+        flush();
+    }
+    std::copy_n(bytes, n, buffer.data() + used);
+    used += n;
+}
+
+void PhotonFileWriter::flush() {
+    if (!failed && used > 0) {
+        failed = !writeAll(fd, buffer.data(), used);
+    }
+    used = 0;
+}

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "PhotonEvents.hpp"
+
+/// Writes a photon event file while the photons are still being found: the bytes of the block writer (file
+/// block, build information, photon block, trigger block), with the two sizes that depend on the photon count
+/// written as placeholders first and filled in by `finish`. Failures are remembered, not thrown: the run
+/// reports them where it would report a failed write of the finished file.
+class PhotonFileWriter {
+public:
+    /// Writes to `fd`, a seekable file open for writing and empty (not taken over).
+    explicit PhotonFileWriter(int fd_);
+
+    /// Inline: it runs once per photon, and a call per photon showed in profiles of the whole run.
+    void push(const kavot_tpx3spidr::PhotonEvent_type& photon) {
+        if (used + kavot_tpx3spidr::PhotonFile::photonRecord_bytes > buffer.size()) {
+            flush();
+        }
+        kavot_tpx3spidr::PhotonFile::store_photonRecord(buffer.data() + used, photon);
+        used += kavot_tpx3spidr::PhotonFile::photonRecord_bytes;
+        ++photons;
+    }
+    /// Ends the photon block with a trigger block holding `triggers`.
+    void write_triggers(const std::vector<kavot_tpx3spidr::Time>& triggers);
+    /// Writes what is buffered and fills in the sizes. False if anything failed.
+    [[nodiscard]] bool finish();
+
+private:
+    void append(const char* bytes, std::size_t n);
+    void flush();
+
+    int fd;
+    bool failed = false;
+    std::uint64_t photons = 0;
+    std::optional<std::uint64_t> triggers;
+    std::vector<char> buffer; ///< fixed size; bytes [0, used) wait to be written
+    std::size_t used = 0;
+};

@@ -1,0 +1,155 @@
+// The time order of a recording: the data set against a literal insertion reference, and the blocks decoded
+// and merged from a file against the data set.
+
+#include <random>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Data_Tpx3Spidr.hpp"
+#include "TestSupport.hpp"
+#include "Tpx3Generator.hpp"
+
+using namespace kavot_tpx3spidr;
+using namespace testsupport;
+
+namespace {
+
+std::vector<PixelActivation> withTimes(const std::vector<long>& times) {
+    std::vector<PixelActivation> activations;
+    for (std::size_t i = 0; i < times.size(); ++i) {
+        activations.emplace_back(static_cast<short>(i % 256), static_cast<short>(i / 256 % 256), Time(times[i]), 0);
+    }
+    return activations;
+}
+
+/// The order as the data set is defined: in file order, repair against the last entry of the index, then
+/// insert behind every entry whose time is not later.
+std::vector<PixelActivation> referenceOrder(std::vector<PixelActivation> activations) {
+    std::vector<std::size_t> index;
+    for (std::size_t i = 0; i < activations.size(); ++i) {
+        Time& toa = activations[i].get_toa();
+        if (!index.empty() && activations[index.back()].get_toa().get_value() - toa.get_value() > (1L << 33)) {
+            toa = Time(toa.get_value() + (1L << 34));
+        }
+        std::size_t k = index.size();
+        while (k > 0 && activations[index[k - 1]].get_toa() > toa) {
+            --k;
+        }
+        index.insert(index.begin() + static_cast<std::ptrdiff_t>(k), i);
+    }
+    std::vector<PixelActivation> ordered;
+    for (const auto i : index) {
+        ordered.push_back(activations[i]);
+    }
+    return ordered;
+}
+
+template <typename Sequence>
+std::vector<PixelActivation> all(Sequence& sequence) {
+    std::vector<PixelActivation> ordered;
+    for (std::size_t k = 0; sequence.has(k); ++k) {
+        ordered.push_back(sequence[k]);
+        sequence.discardBefore(k); // as the algorithms do, so that the source drops what it released
+    }
+    return ordered;
+}
+
+} // namespace
+
+TEST(Data_Tpx3Spidr, OrdersStablyAndRepairsOneRollover) {
+    struct Case {
+        std::vector<long> times;
+        std::vector<long> ordered;       // times in index order
+        std::vector<short> fromPosition; // file position (x) of each index entry
+    };
+    const long P = 1L << 34;
+    const long H = 1L << 33;
+    const Case cases[] = {
+        {{}, {}, {}},
+        {{5, 3, 3, 8}, {3, 3, 5, 8}, {1, 2, 0, 3}},
+        {{P - 100, 50}, {P - 100, P + 50}, {0, 1}},
+        {{H + 50, 50}, {50, H + 50}, {1, 0}},     // exactly 2^33 behind: no repair
+        {{H + 51, 50}, {H + 51, P + 50}, {0, 1}}, // one tick more: repaired
+        {{0, 3 * P}, {0, 3 * P}, {0, 1}},         // the first activation is never repaired
+        {{3 * P, 0}, {P, 3 * P}, {1, 0}},         // two periods behind: one period only
+        {{P - 1, 0, 10, P - 2}, {P - 2, P - 1, P, P + 10}, {3, 0, 1, 2}},
+        {{-20, 5, -(P)}, {-20, 0, 5}, {0, 2, 1}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.times));
+        const Data_Tpx3Spidr data(withTimes(c.times), {Time(9), Time(2)});
+        ASSERT_EQ(data.size(), c.times.size());
+        for (std::size_t k = 0; k < data.size(); ++k) {
+            EXPECT_EQ(data[k].get_toa().get_value(), c.ordered[k]) << "entry " << k;
+            EXPECT_EQ(data[k].get_x_px(), c.fromPosition[k]) << "entry " << k;
+        }
+        EXPECT_EQ(data.get_tdc1Triggers(), (std::vector{Time(9), Time(2)})) << "triggers keep file order";
+    }
+}
+
+TEST(Data_Tpx3Spidr, OrderEqualsInsertionOnEveryInputShape) {
+    // Insertion for nearly ordered input, the radix sort once insertion would cost too much.
+    std::mt19937_64 random(7);
+    for (int round = 0; round < 3; ++round) {
+        const std::size_t n = 3000 + static_cast<std::size_t>(round) * 1111;
+        std::vector<long> nearly, reversed, scattered, rollovers, ties;
+        for (std::size_t i = 0; i < n; ++i) {
+            nearly.push_back(static_cast<long>(i) * 40 + static_cast<long>(random() % 400));
+            reversed.push_back(static_cast<long>(n - i) * 40);
+            scattered.push_back(static_cast<long>(random() % (1ULL << 40)) - (1L << 39));
+            // Times that jump around the 2^34 clock and the 2^33 repair threshold.
+            rollovers.push_back(static_cast<long>(random() % 5) * (1L << 32) + static_cast<long>(random() % 3) - 1);
+            ties.push_back(static_cast<long>(random() % 4));
+        }
+        for (const auto* times : {&nearly, &reversed, &scattered, &rollovers, &ties}) {
+            const auto activations = withTimes(*times);
+            const Data_Tpx3Spidr data(std::vector<PixelActivation>(activations), {});
+            DataSetSequence sequence(data);
+            ASSERT_EQ(all(sequence), referenceOrder(activations)) << "round " << round;
+        }
+    }
+}
+
+TEST(Tpx3HitSource, ReleasesTheDataSetOrderFromTheFile) {
+    // Recordings of many blocks, so that hits of one block are merged with those of the next.
+    struct Case {
+        const char* name;
+        std::vector<std::uint64_t> words;
+    };
+    std::vector<Case> cases;
+    tpx3gen::Settings base;
+    base.hits = 150000;
+    base.maxChunkPackets = 700;
+    const auto with = [&](const char* name, auto change) {
+        tpx3gen::Settings settings = base;
+        change(settings);
+        cases.push_back({name, tpx3gen::generate(settings).words});
+    };
+    with("ordered", [](tpx3gen::Settings&) {});
+    with("disordered beyond a block", [](tpx3gen::Settings& s) { s.disorder_seconds = 2e-2; });
+    with("reversed", [](tpx3gen::Settings& s) { s.reverse = true; });
+    with("rollovers", [](tpx3gen::Settings& s) {
+        s.hitRate_perSecond = 4000; // 20 to 57 s: the clock wraps and is repaired, later times are extended once
+        s.startTime_seconds = 20;
+        s.hits = 40000;
+    });
+    // Four distinct times only: ties across every block boundary, which must keep file order.
+    std::vector<std::uint64_t> ties{globalLow(0), globalHigh(0)};
+    for (std::uint64_t i = 0; i < 100000; ++i) {
+        ties.push_back(pixelWord(i % 256, i / 256 % 256, 1000 + 16 * (i * 7 % 4), i % 1024));
+    }
+    cases.push_back({"ties", chunk(ties)});
+    const TempDir dir;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        writeWords(dir / "r.tpx3", c.words);
+        const Tpx3InputFile file(dir / "r.tpx3");
+        const Tpx3Census census = census_tpx3<true>(file);
+        ASSERT_GE(census.blocks.size(), 2u);
+        Tpx3HitSource<true> source(file, census);
+        const auto data = Data_Tpx3Spidr::make_from_file_tpx3spidr<true>(dir / "r.tpx3");
+        DataSetSequence expected(data);
+        ASSERT_EQ(all(source), all(expected));
+    }
+}
