@@ -39,7 +39,9 @@ class ParametersTest : public ::testing::Test {
 protected:
     /// A parameter file holding `text`.
     std::string json(const std::string& text) {
-        const std::string path = dir / ("p" + std::to_string(++files) + ".json");
+        std::string name = std::to_string(++files);
+        name += ".json";
+        const std::string path = dir / name;
         testsupport::writeFile(path, text);
         return path;
     }
