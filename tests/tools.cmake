@@ -64,3 +64,10 @@ add_test(NAME kavot.ImageTiffOfPhotonsEqualsTiffOfRawImage COMMAND sh -c
     "'$<TARGET_FILE:kavot_cli>' image sample.kavotphot photons.tiff && '$<TARGET_FILE:kavot_cli>' image sample.raw raw.tiff && cmp photons.tiff raw.tiff"
     WORKING_DIRECTORY ${kavot_inputs})
 set_tests_properties(kavot.ImageTiffOfPhotonsEqualsTiffOfRawImage PROPERTIES FIXTURES_REQUIRED kavot_inputs LABELS e2e)
+
+# The batch script on a real one-node Slurm cluster started for the test (root, slurm-wlm and munge); skipped
+# with a message where the daemons cannot start or the recordings are absent.
+add_test(NAME slurm.ConvertArrayMatchesLocalRuns COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/slurm/run_cluster_test.sh
+    $<TARGET_FILE:vundrel> ${PROJECT_SOURCE_DIR} ${KAVOT_TEST_DATA_DIR})
+set_tests_properties(slurm.ConvertArrayMatchesLocalRuns PROPERTIES LABELS e2e SKIP_RETURN_CODE 77 TIMEOUT 900
+    RUN_SERIAL TRUE)
