@@ -87,7 +87,6 @@ def photon_file(*blocks, version=0, kind=2, name=b"KAVOT"):
 
 
 ONE = struct.pack("<iiq", -65536, 32768, 7)  # x = -1 px, y = 0.5 px, 7 ticks
-TWO = ONE + struct.pack("<iiq", 1, 2, 3)
 
 
 @pytest.mark.parametrize(
@@ -95,7 +94,7 @@ TWO = ONE + struct.pack("<iiq", 1, 2, 3)
     [
         (photon_file(block(b"photons", b"")), 0, None),
         (photon_file(block(b"extTrigs", struct.pack("<q", 5)), block(b"photons", ONE)), 1, [5]),
-        (photon_file(block(b"photons", ONE), block(b"photons", TWO), block(b"extTrigs", b"")), 2, []),
+        (photon_file(block(b"photons", ONE), block(b"photons", ONE * 2), block(b"extTrigs", b"")), 2, []),
     ],
 )
 def test_well_formed_blocks_last_block_wins(tmp_path, data, photons, triggers):

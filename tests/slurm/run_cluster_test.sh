@@ -6,10 +6,7 @@
 # recordings. Usage: run_cluster_test.sh VUNDREL SOURCE_DIR DATA_DIR
 set -uo pipefail
 vundrel=$(realpath "$1") source=$(realpath "$2") data=$3 # the list holds absolute paths: tasks run elsewhere
-skip() {
-    echo "SKIP: $*"
-    exit 77
-}
+skip() { echo "SKIP: $*"; exit 77; }
 tmp=$(mktemp -d /tmp/vundrel_slurm_XXXXXX)
 pids=()
 show_logs() {
@@ -23,20 +20,15 @@ cleanup() {
     rm -rf "$tmp"
 }
 trap cleanup EXIT
-fail() {
-    echo "FAIL: $*"
-    show_logs
-    exit 1
-}
+fail() { echo "FAIL: $*"; show_logs; exit 1; }
 
 [ -d "$data" ] || skip "no recordings: $data is absent"
 data=$(realpath "$data")
 [ "$(id -u)" = 0 ] || skip "slurmd must be started as root"
-for program in munged slurmctld slurmd sbatch sinfo; do
-    command -v "$program" > /dev/null || PATH=$PATH:/usr/sbin command -v "$program" > /dev/null ||
-        skip "$program is not installed (tools/setup.sh installs slurm-wlm and munge)"
-done
 export PATH=$(dirname "$vundrel"):$PATH:/usr/sbin
+for program in munged slurmctld slurmd sbatch sinfo; do
+    command -v "$program" > /dev/null || skip "$program is not installed (tools/setup.sh installs slurm-wlm and munge)"
+done
 
 # A fresh key and a munged of our own on its own socket.
 dd if=/dev/urandom of="$tmp/munge.key" bs=1024 count=1 status=none && chmod 400 "$tmp/munge.key"
@@ -44,24 +36,20 @@ munged -F -f --key-file="$tmp/munge.key" --socket="$tmp/munge.sock" --pid-file="
     --log-file="$tmp/munged.log" --seed-file="$tmp/munged.seed" > "$tmp/munged.out.log" 2>&1 &
 pids+=($!)
 
-read -r ctld_port node_port < <(/usr/bin/python3 -c '
-import socket
-s = [socket.socket() for _ in range(2)]
-for one in s: one.bind(("127.0.0.1", 0))
-print(*(one.getsockname()[1] for one in s))')
+# Two ports that are free now: bound to port 0 together, so that they differ.
+read -r ctld_port node_port < <(/usr/bin/python3 -c 'import socket; s = [socket.socket() for _ in "ab"]
+[x.bind(("127.0.0.1", 0)) for x in s]; print(*(x.getsockname()[1] for x in s))')
 node=$(hostname -s)
 mkdir -p "$tmp/state" "$tmp/spool" "$tmp/work" "$tmp/out" "$tmp/local"
 export SLURM_CONF=$tmp/slurm.conf
+# Authentication and credentials by munge, no accounting: Slurm's defaults.
 cat > "$SLURM_CONF" << EOF
 ClusterName=vundreltest
 SlurmctldHost=$node(127.0.0.1)
 SlurmctldPort=$ctld_port
 SlurmdPort=$node_port
 SlurmUser=root
-SlurmdUser=root
-AuthType=auth/munge
 AuthInfo=socket=$tmp/munge.sock
-CredType=cred/munge
 StateSaveLocation=$tmp/state
 SlurmdSpoolDir=$tmp/spool
 SlurmctldPidFile=$tmp/slurmctld.pid
@@ -72,10 +60,6 @@ ProctrackType=proctrack/linuxproc
 TaskPlugin=task/none
 SelectType=select/cons_tres
 SelectTypeParameters=CR_Core
-SchedulerType=sched/builtin
-JobAcctGatherType=jobacct_gather/none
-AccountingStorageType=accounting_storage/none
-MpiDefault=none
 MailProg=/bin/true
 ReturnToService=2
 NodeName=$node NodeAddr=127.0.0.1 NodeHostname=$node CPUs=$(nproc) State=UNKNOWN
