@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Installs what building, testing and benchmarking need on Debian 12 (as root); only what is missing, so a
-# machine that has everything needs no network.
+# machine that has everything needs no network. HDF5, TIFF and numpy/h5py/pytest serve kavot and the Python
+# reader; slurm-wlm and munge let the batch script be tested on a one-node cluster started on this machine.
 set -euo pipefail
 packages=(g++ cmake make libgtest-dev libgmock-dev libbenchmark-dev rapidjson-dev libpng-dev clang-format time
-    clang-19 libclang-rt-19-dev)
+    clang-19 libclang-rt-19-dev libhdf5-dev libtiff-dev python3-numpy python3-h5py python3-pytest slurm-wlm munge)
 missing=()
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing+=("$package")

@@ -1,0 +1,131 @@
+"""The reader against vundrel's files and kavot's views of them (CSV, HDF5, TIFF), and against kavot's own
+reader on malformed files. The programs come from the environment: TPX3GEN, VUNDREL, KAVOT (set by CTest)."""
+
+import os
+import struct
+import subprocess
+
+import h5py
+import numpy as np
+import pytest
+
+import kavotphot
+
+PROGRAMS = {name: os.environ.get(name) for name in ("TPX3GEN", "VUNDREL", "KAVOT")}
+if not all(PROGRAMS.values()):
+    pytest.skip("TPX3GEN, VUNDREL and KAVOT must name the built programs (ctest sets them)", allow_module_level=True)
+
+
+def run(name, *args, check=True):
+    return subprocess.run([PROGRAMS[name], *map(str, args)], capture_output=True, text=True, check=check)
+
+
+@pytest.fixture(scope="module")
+def converted(tmp_path_factory):
+    """A generated recording converted with triggers (sample) and without (notrig), and the raw image."""
+    d = tmp_path_factory.mktemp("converted")
+    run("TPX3GEN", "-o", d / "s.tpx3", "--hits", 20000, "--seed", 5, "--tdc-rate", 1e5)
+    run("VUNDREL", "-i", d / "s.tpx3", "-o", d / "sample.kavotphot", "-T", "--photImgPath", d / "s.raw")
+    run("VUNDREL", "-i", d / "s.tpx3", "-o", d / "notrig.kavotphot")
+    return d
+
+
+def csv(*args):
+    return np.loadtxt(run("KAVOT", "csv", *args).stdout.splitlines(), delimiter=",", skiprows=1, ndmin=2)
+
+
+def test_photons_and_triggers_match_kavot_csv(converted):
+    photons, raw = kavotphot.read(converted / "sample.kavotphot"), kavotphot.read(converted / "sample.kavotphot", True)
+    table = csv(converted / "sample.kavotphot")
+    assert len(photons) == len(table) > 0
+    assert (photons["toa"] == table[:, 3].astype(np.int64)).all()
+    for axis, column in (("x", 0), ("y", 1)):  # CSV has 6 decimals: enough to recover the raw value exactly
+        assert (raw[axis] == np.rint(table[:, column] * 65536)).all()
+        assert (photons[axis] == raw[axis] / 65536).all()
+    triggers = kavotphot.read_triggers(converted / "sample.kavotphot")
+    assert (triggers == csv(converted / "sample.kavotphot", "--triggers")[:, 1].astype(np.int64)).all()
+    assert kavotphot.read_triggers(converted / "notrig.kavotphot") is None
+
+
+def test_hdf5_export_holds_the_photons_exactly(converted):
+    run("KAVOT", "export", converted / "sample.kavotphot", converted / "sample.h5")
+    photons = kavotphot.read(converted / "sample.kavotphot")
+    with h5py.File(converted / "sample.h5") as f:
+        for name in ("x", "y", "toa"):
+            assert f["photons"][name].dtype == photons[name].dtype and f["photons"][name].compression == "gzip"
+            assert (f["photons"][name][:] == photons[name]).all()
+        assert (f["triggers/toa"][:] == kavotphot.read_triggers(converted / "sample.kavotphot")).all()
+        assert (f["photons/x"].attrs["units"], f["photons/toa"].attrs["units"]) == ("px", "ticks")
+        assert f["triggers/toa"].attrs["tick_s"] == kavotphot.TICK_S
+        assert (f.attrs["program_version"], f.attrs["source_file"]) == ("1.0.0", "sample.kavotphot")
+
+
+def test_tiff_is_a_32_bit_count_image(converted):
+    run("KAVOT", "image", converted / "s.raw", converted / "s.tiff")
+    data = (converted / "s.tiff").read_bytes()
+    assert data[:4] == b"II*\0"
+    (ifd,) = struct.unpack_from("<I", data, 4)
+    tags = {}
+    for i in range(struct.unpack_from("<H", data, ifd)[0]):
+        tag, kind, count, value = struct.unpack_from("<HHII", data, ifd + 2 + 12 * i)
+        tags[tag] = value & 0xFFFF if kind == 3 else value  # a SHORT sits in the low bytes of the field
+    # width, height, bits per sample, photometric (min is black), samples per pixel, sample format (unsigned)
+    assert [tags[t] for t in (256, 257, 258, 262, 277, 339)] == [2048, 2048, 32, 1, 1, 1]
+    strips, rows = tags[273], tags[278]
+    first = struct.unpack_from("<I", data, strips)[0] if 2048 > rows else strips
+    counts = np.frombuffer(data, "<u4", 2048 * 2048, first)  # uncompressed strips, written one after the other
+    assert (counts == np.fromfile(converted / "s.raw", "<u4")).all() and counts.sum() > 0
+
+
+def block(name, content):
+    return name.ljust(8, b"\0")[:8] + struct.pack("<Q", len(content)) + content
+
+
+def photon_file(*blocks, version=0, kind=2, name=b"KAVOT"):
+    content = block(b"build", struct.pack("<QQ", version, kind)) + b"".join(blocks)
+    return block(name, content)
+
+
+ONE = struct.pack("<iiq", -65536, 32768, 7)  # x = -1 px, y = 0.5 px, 7 ticks
+
+
+@pytest.mark.parametrize(
+    "data, photons, triggers",
+    [
+        (photon_file(block(b"photons", b"")), 0, None),
+        (photon_file(block(b"extTrigs", struct.pack("<q", 5)), block(b"photons", ONE)), 1, [5]),
+        (photon_file(block(b"photons", ONE), block(b"photons", ONE * 2), block(b"extTrigs", b"")), 2, []),
+    ],
+)
+def test_well_formed_blocks_last_block_wins(tmp_path, data, photons, triggers):
+    (tmp_path / "f.kavotphot").write_bytes(data)
+    read = kavotphot.read(tmp_path / "f.kavotphot")
+    assert len(read) == photons and (photons == 0 or tuple(read[0]) == (-1.0, 0.5, 7))
+    found = kavotphot.read_triggers(tmp_path / "f.kavotphot")
+    assert (found is None) if triggers is None else list(found) == triggers
+
+
+@pytest.mark.parametrize(
+    "data, message",
+    [
+        (b"KAVOT", "File is too short to hold a file block!"),
+        (photon_file(block(b"photons", ONE), name=b"KAVOX"), "File identifier not recognized!"),
+        (photon_file(block(b"photons", ONE)) + b"\0", "File block ends at byte 80 but the file has 81 bytes!"),
+        (block(b"KAVOT", b""), "File does not contain build information!"),
+        (block(b"KAVOT", block(b"build", b"\0" * 8)), "Build information block has size 8 instead of 16!"),
+        (photon_file(block(b"photons", ONE), version=1), "File version 1 is not supported (expected 0)!"),
+        (photon_file(block(b"photons", ONE), kind=3), "File type 3 is not the expected type 2!"),
+        (photon_file(block(b"photons", ONE)[:8] + struct.pack("<Q", 32) + ONE), "Block size is indicated as 32 but"),
+        (photon_file(block(b"photons", ONE + b"1234")), "File contains partial photons!"),
+        (photon_file(block(b"extTrigs", b"1234")), "File contains partial external triggers!"),
+        (photon_file(block(b"build", b"")), "Block identifier not recognized!"),
+        (photon_file(block(b"extTrigs", b"")), "File does not contain photon data!"),
+    ],
+)
+def test_malformed_files_are_refused_as_kavot_refuses_them(tmp_path, data, message):
+    path = tmp_path / "bad.kavotphot"
+    path.write_bytes(data)
+    with pytest.raises(ValueError) as refused:
+        kavotphot.read(path)
+    assert str(refused.value).startswith(f"{path}: {message}")
+    assert run("KAVOT", "summary", path, check=False).stderr.startswith(f"kavot: {message}")

@@ -1,0 +1,73 @@
+# Tests of the tools beside vundrel: the inspection pass, kavot end to end, and the Slurm batch script.
+
+add_executable(kavot_inspection_tests Tpx3Inspection_test.cpp)
+target_link_libraries(kavot_inspection_tests PRIVATE kavot_tpx3spidr::kavot_tpx3spidr GTest::gtest_main
+    kavot_warnings)
+target_include_directories(kavot_inspection_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+gtest_discover_tests(kavot_inspection_tests DISCOVERY_TIMEOUT 60 PROPERTIES LABELS unit)
+
+# kavot end to end, on inputs made once by tpx3gen, vundrel and printf (see tools/make_inputs.sh).
+set(kavot_inputs ${CMAKE_CURRENT_BINARY_DIR}/kavot_inputs)
+add_test(NAME kavot.MakeInputs COMMAND sh ${CMAKE_CURRENT_SOURCE_DIR}/tools/make_inputs.sh $<TARGET_FILE:tpx3gen>
+    $<TARGET_FILE:vundrel> ${kavot_inputs})
+set_tests_properties(kavot.MakeInputs PROPERTIES FIXTURES_SETUP kavot_inputs LABELS e2e)
+
+# kavot_case(NAME STATUS [OUT regex] [ERR regex] [ABSENT glob] ARGS kavot arguments...)
+function(kavot_case name status)
+    cmake_parse_arguments(CASE "" "OUT;ERR;ABSENT" "ARGS" ${ARGN})
+    set(checks -DSTATUS=${status})
+    foreach(check OUT ERR ABSENT)
+        if(DEFINED CASE_${check})
+            list(APPEND checks "-D${check}=${CASE_${check}}")
+        endif()
+    endforeach()
+    add_test(NAME kavot.${name} COMMAND ${CMAKE_COMMAND} ${checks} -P ${CMAKE_CURRENT_SOURCE_DIR}/tools/run_tool.cmake
+        -- $<TARGET_FILE:kavot_cli> ${CASE_ARGS} WORKING_DIRECTORY ${kavot_inputs})
+    set_tests_properties(kavot.${name} PROPERTIES FIXTURES_REQUIRED kavot_inputs LABELS e2e)
+endfunction()
+
+kavot_case(InfoCountsARecording 0 ARGS info sample.tpx3
+    OUT "packets: 20000 pixel hits.*global timestamps: [0-9]+, the first at 1.000000000 s")
+kavot_case(InfoJsonHoldsNumbers 0 ARGS info --json sample.tpx3
+    OUT "^{\"file\":\"sample.tpx3\",.*\"chunks\":[1-9][0-9]*,.*\"pixel_hits\":20000,\"tdc_packets\":[0-9]+,.*\"global_timestamps\":[1-9][0-9]*,.*\"time_span_s\":0\\.00[0-9]+,.*\"error\":null}\n$")
+kavot_case(InfoWarnsBeyondTheTimeModel 0 ARGS info long.tpx3
+    OUT "warning: the hits run from 0\\.[0-9]+ s to 5[01]\\.[0-9]+ s around the first global timestamp, but vundrel places pixel times correctly only from -13\\.422 s to 40\\.265 s")
+kavot_case(InfoWarnsOfChipsAndRefusesNoGlobalTime 1 ARGS info twochips.tpx3
+    OUT "chips: 0 \\(1 chunks\\), 1 \\(1 chunks\\).*warning: [^\n]*2 chips \\(0, 1\\).*warning: [^\n]*--globalTime_ignore"
+    ERR "^kavot: Supplied file does not contain a global timestamp!\n$")
+foreach(broken "incomplete|12|File contains incomplete lines!" "noheader|8|Invalid header entry!"
+        "cut|16|End of data reached before block is complete!")
+    string(REPLACE "|" ";" broken "${broken}")
+    list(GET broken 0 file)
+    list(GET broken 1 size)
+    list(GET broken 2 message)
+    kavot_case(InfoReportsStructure_${file} 1 ARGS info ${file}.tpx3 OUT "size: ${size} bytes, 0 chunks"
+        ERR "^kavot: ${message}\n$")
+endforeach()
+kavot_case(InfoJsonCarriesTheError 1 ARGS info --json cut.tpx3
+    OUT "\"error\":\"End of data reached before block is complete!\"}")
+kavot_case(SummaryWithTriggers 0 ARGS summary sample.kavotphot
+    OUT "^photons: [1-9][0-9]*\ntriggers: [0-9]+\ntime: [0-9.]+ s \\.\\. [0-9.]+ s \\([0-9]+ \\.\\. [0-9]+ ticks\\)\nx: ")
+kavot_case(SummaryWithoutTriggers 0 ARGS summary notrig.kavotphot OUT "\ntriggers: none recorded\n")
+kavot_case(CsvTriggers 0 ARGS csv sample.kavotphot --triggers OUT "^toa_s,toa_ticks\n[0-9]\\.[0-9]+,[0-9]+\n")
+kavot_case(CsvTriggersOfAFileWithout 1 ARGS csv --triggers notrig.kavotphot ERR "holds no trigger times")
+kavot_case(ExportOfARecordingIsNotThereYet 1 ARGS export sample.tpx3 recording.h5 ABSENT "recording.h5*"
+    ERR "^kavot: exporting .tpx3 recordings is not available yet\n$")
+kavot_case(ExportOfABrokenFileLeavesNothing 1 ARGS export recording.kavotphot broken.h5 ABSENT "broken.h5*"
+    ERR "^kavot: Block size is indicated as [0-9]+ but only [0-9]+ bytes are left in the file!\n$")
+kavot_case(ImageTiffRefusesBinning 1 ARGS image sample.raw binned.tiff 2 ABSENT "binned.tiff*" ERR "BIN must be 1")
+kavot_case(ImagePng 0 ARGS image sample.kavotphot sample.png 8 ABSENT "sample.png.part*")
+kavot_case(MissingArgumentsShowTheUsage 1 ARGS info
+    ERR "^kavot: missing arguments \\(usage: kavot info FILE.tpx3 \\[--json\\]\\)\n$")
+# The photons binned by kavot and the raw image binned by vundrel give the same TIFF, byte for byte.
+add_test(NAME kavot.ImageTiffOfPhotonsEqualsTiffOfRawImage COMMAND sh -c
+    "'$<TARGET_FILE:kavot_cli>' image sample.kavotphot photons.tiff && '$<TARGET_FILE:kavot_cli>' image sample.raw raw.tiff && cmp photons.tiff raw.tiff"
+    WORKING_DIRECTORY ${kavot_inputs})
+set_tests_properties(kavot.ImageTiffOfPhotonsEqualsTiffOfRawImage PROPERTIES FIXTURES_REQUIRED kavot_inputs LABELS e2e)
+
+# The batch script on a real one-node Slurm cluster started for the test (root, slurm-wlm and munge); skipped
+# with a message where the daemons cannot start or the recordings are absent.
+add_test(NAME slurm.ConvertArrayMatchesLocalRuns COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/slurm/run_cluster_test.sh
+    $<TARGET_FILE:vundrel> ${PROJECT_SOURCE_DIR} ${KAVOT_TEST_DATA_DIR})
+set_tests_properties(slurm.ConvertArrayMatchesLocalRuns PROPERTIES LABELS e2e SKIP_RETURN_CODE 77 TIMEOUT 900
+    RUN_SERIAL TRUE)

@@ -1,0 +1,172 @@
+#pragma once
+
+// Writing HDF5 files through the HDF5 C library: a file, groups, attributes, and one-dimensional columns that
+// are written a batch at a time (chunked, shuffled and deflate-compressed), so memory does not grow with the
+// data. Every failure becomes one std::invalid_argument line; the library's own error printing is off.
+
+#include <algorithm>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include <hdf5.h>
+
+namespace kavot_tool {
+
+/// Owns one HDF5 identifier and closes it with the matching function.
+class Hdf5Id {
+public:
+    Hdf5Id(hid_t id_, herr_t (*close_)(hid_t), const std::string& what) : id(id_), close(close_) {
+        if (id < 0) {
+            throw std::invalid_argument("HDF5: unable to " + what + "!");
+        }
+    }
+    Hdf5Id(Hdf5Id&& other) noexcept : id(std::exchange(other.id, -1)), close(other.close) {}
+    Hdf5Id(const Hdf5Id&) = delete;
+    Hdf5Id& operator=(const Hdf5Id&) = delete;
+    Hdf5Id& operator=(Hdf5Id&&) = delete;
+    ~Hdf5Id() {
+        if (id >= 0) {
+            close(id);
+        }
+    }
+    [[nodiscard]] hid_t get() const noexcept { return id; }
+
+    /// Closes now and reports a failure; the file's last bytes are written by the close of the file itself.
+    void close_checked(const std::string& what) {
+        if (close(std::exchange(id, -1)) < 0) {
+            throw std::invalid_argument("HDF5: unable to " + what + "!");
+        }
+    }
+
+private:
+    hid_t id;
+    herr_t (*close)(hid_t);
+};
+
+inline void check_hdf5(herr_t status, const std::string& what) {
+    if (status < 0) {
+        throw std::invalid_argument("HDF5: unable to " + what + "!");
+    }
+}
+
+/// A UTF-8 text attribute (h5py reads it as str).
+inline void write_attribute(hid_t object, const char* name, const std::string& value) {
+    const Hdf5Id type(H5Tcopy(H5T_C_S1), H5Tclose, "make a text type");
+    check_hdf5(H5Tset_size(type.get(), H5T_VARIABLE), "make a text type");
+    check_hdf5(H5Tset_cset(type.get(), H5T_CSET_UTF8), "make a text type");
+    const Hdf5Id space(H5Screate(H5S_SCALAR), H5Sclose, "make an attribute");
+    const Hdf5Id attribute(H5Acreate2(object, name, type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT), H5Aclose,
+                           std::string("create attribute ") + name);
+    const char* text = value.c_str();
+    check_hdf5(H5Awrite(attribute.get(), type.get(), &text), std::string("write attribute ") + name);
+}
+
+inline void write_attribute(hid_t object, const char* name, double value) {
+    const Hdf5Id space(H5Screate(H5S_SCALAR), H5Sclose, "make an attribute");
+    const Hdf5Id attribute(H5Acreate2(object, name, H5T_IEEE_F64LE, space.get(), H5P_DEFAULT, H5P_DEFAULT), H5Aclose,
+                           std::string("create attribute ") + name);
+    check_hdf5(H5Awrite(attribute.get(), H5T_NATIVE_DOUBLE, &value), std::string("write attribute ") + name);
+}
+
+/// Stored and in-memory HDF5 types of the column values.
+template <typename T>
+struct Hdf5Type;
+template <>
+struct Hdf5Type<double> {
+    static hid_t stored() { return H5T_IEEE_F64LE; }
+    static hid_t memory() { return H5T_NATIVE_DOUBLE; }
+};
+template <>
+struct Hdf5Type<std::int64_t> {
+    static hid_t stored() { return H5T_STD_I64LE; }
+    static hid_t memory() { return H5T_NATIVE_INT64; }
+};
+
+/// A one-dimensional dataset of a length known in advance, filled from the front a batch at a time.
+template <typename T>
+class Hdf5Column {
+public:
+    static constexpr hsize_t chunk_values = 65536;
+
+    Hdf5Column(hid_t parent, const std::string& name, hsize_t length_)
+        : length(length_), dataset(create(parent, name)) {}
+
+    [[nodiscard]] hid_t get() const noexcept { return dataset.get(); }
+
+    /// Writes the next `count` values.
+    void append(const T* values, hsize_t count) {
+        if (count == 0) {
+            return;
+        }
+        if (count > length - written) {
+            throw std::invalid_argument("HDF5: more values than the dataset holds!");
+        }
+        const Hdf5Id fileSpace(H5Dget_space(dataset.get()), H5Sclose, "select in a dataset");
+        check_hdf5(H5Sselect_hyperslab(fileSpace.get(), H5S_SELECT_SET, &written, nullptr, &count, nullptr),
+                   "select in a dataset");
+        const Hdf5Id memorySpace(H5Screate_simple(1, &count, nullptr), H5Sclose, "describe a batch");
+        check_hdf5(
+            H5Dwrite(dataset.get(), Hdf5Type<T>::memory(), memorySpace.get(), fileSpace.get(), H5P_DEFAULT, values),
+            "write a dataset");
+        written += count;
+    }
+
+    void close() {
+        if (written != length) {
+            throw std::invalid_argument("HDF5: a dataset was not filled!");
+        }
+        dataset.close_checked("close a dataset");
+    }
+
+private:
+    Hdf5Id create(hid_t parent, const std::string& name) const {
+        // Unlimited in extent so that a chunk may be larger than the data (an empty dataset still needs one).
+        const hsize_t unlimited = H5S_UNLIMITED;
+        const Hdf5Id space(H5Screate_simple(1, &length, &unlimited), H5Sclose, "describe a dataset");
+        const Hdf5Id properties(H5Pcreate(H5P_DATASET_CREATE), H5Pclose, "describe a dataset");
+        const hsize_t chunk = std::min<hsize_t>(chunk_values, std::max<hsize_t>(length, 1));
+        check_hdf5(H5Pset_chunk(properties.get(), 1, &chunk), "describe a dataset");
+        // Shuffling the bytes of neighbouring values first makes their slowly varying high bytes compress well.
+        check_hdf5(H5Pset_shuffle(properties.get()), "compress a dataset");
+        check_hdf5(H5Pset_deflate(properties.get(), 4), "compress a dataset");
+        return Hdf5Id(H5Dcreate2(parent, name.c_str(), Hdf5Type<T>::stored(), space.get(), H5P_DEFAULT,
+                                 properties.get(), H5P_DEFAULT),
+                      H5Dclose, "create dataset " + name);
+    }
+
+    hsize_t length;
+    hsize_t written = 0;
+    Hdf5Id dataset;
+};
+
+/// A new HDF5 file at `path` (an existing file there is replaced).
+class Hdf5File {
+public:
+    explicit Hdf5File(const std::string& path)
+        : file((quiet(), H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT)),
+               H5Fclose,
+               "create \"" + path + "\"") {}
+
+    [[nodiscard]] hid_t get() const noexcept { return file.get(); }
+
+    [[nodiscard]] Hdf5Id create_group(const std::string& name) const {
+        return Hdf5Id(H5Gcreate2(file.get(), name.c_str(), H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT), H5Gclose,
+                      "create group " + name);
+    }
+
+    /// Flushes and closes the file; only a file closed without error is complete.
+    void close() { file.close_checked("write the file"); }
+
+private:
+    /// The library prints its error stack by default; ours are the messages thrown above.
+    static int quiet() {
+        H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+        return 0;
+    }
+
+    Hdf5Id file;
+};
+
+} // namespace kavot_tool
