@@ -74,14 +74,12 @@ namespace detail {
     return std::max(smallest, (size_words + mostBlocks - 1) / mostBlocks);
 }
 
-} // namespace detail
-
 /// The census of a recording: `walk(onChunk)` walks its chunks as `for_eachChunk_tpx3` does, `size_words` is
 /// its length. With `useGlobalTime` the first global timestamp is found first (a short walk for a real
 /// recording, which starts with one), because every time is placed around it; a recording without one is
 /// refused, once its whole structure has been checked.
 template <bool useGlobalTime, typename Walk>
-[[nodiscard]] Tpx3Census census_tpx3(Walk&& walk, std::uint64_t size_words) {
+[[nodiscard]] Tpx3Census census(Walk&& walk, std::uint64_t size_words) {
     Tpx3Census census;
     if constexpr (useGlobalTime) {
         const std::optional<std::uint64_t> reference = firstGlobalTimestamp_tpx3(walk);
@@ -122,16 +120,18 @@ template <bool useGlobalTime, typename Walk>
     return census;
 }
 
+} // namespace detail
+
 /// The census of a recording file.
 template <bool useGlobalTime>
 [[nodiscard]] Tpx3Census census_tpx3(const Tpx3InputFile& file) {
-    return census_tpx3<useGlobalTime>([&](auto&& onChunk) { for_eachChunk_tpx3(file, onChunk); }, file.size_words());
+    return detail::census<useGlobalTime>([&](auto&& onChunk) { for_eachChunk_tpx3(file, onChunk); }, file.size_words());
 }
 
 /// The census of a recording already in memory (the words are not modified).
 template <bool useGlobalTime>
 [[nodiscard]] Tpx3Census census_tpx3(const std::uint64_t* data, std::size_t size) {
-    return census_tpx3<useGlobalTime>([&](auto&& onChunk) { for_eachChunk_tpx3(data, size, onChunk); }, size);
+    return detail::census<useGlobalTime>([&](auto&& onChunk) { for_eachChunk_tpx3(data, size, onChunk); }, size);
 }
 
 } // namespace kavot_tpx3spidr
