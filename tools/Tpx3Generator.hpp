@@ -14,7 +14,17 @@
 
 namespace tpx3gen {
 
+/// What the hits are: a camera's photon clusters and noise, or one of two shapes that chain without end.
+enum class Pattern {
+    camera,
+    chain, ///< one pixel firing every `chainInterval_ticks`
+    spot,  ///< a 3 x 2 pixel spot firing in turn (along the first row, back along the second), one hit every
+           ///< `chainInterval_ticks`: each hit lies next to the one before
+};
+
 struct Settings {
+    Pattern pattern = Pattern::camera;
+    std::int64_t chainInterval_ticks = 60;
     std::uint64_t hits = 1000000;
     double hitRate_perSecond = 1e7;
     std::uint64_t seed = 1;
@@ -101,7 +111,24 @@ inline std::uint64_t globalHighWord(std::uint64_t global25ns) {
 }
 
 /// The hits of the acquisition in ascending time (ties in generation order), relative times from 0.
+/// The hits of a chain or a spot: every `chainInterval_ticks`, with a ToT that varies a little.
+inline std::vector<Hit> generate_chain(const Settings& settings, Random& random) {
+    std::vector<Hit> hits;
+    hits.reserve(settings.hits);
+    for (std::uint64_t k = 0; k < settings.hits; ++k) {
+        const auto place = settings.pattern == Pattern::spot ? k % 6 : 0;
+        const auto x = place < 3 ? place : 5 - place;
+        hits.push_back({static_cast<std::int64_t>(k) * settings.chainInterval_ticks,
+                        static_cast<std::uint16_t>(100 + x), static_cast<std::uint16_t>(100 + place / 3),
+                        static_cast<std::uint16_t>(20 + random.below(40))});
+    }
+    return hits;
+}
+
 inline std::vector<Hit> generate_hits(const Settings& settings, Random& random) {
+    if (settings.pattern != Pattern::camera) {
+        return generate_chain(settings, random);
+    }
     if (settings.hitRate_perSecond <= 0 || settings.meanClusterSize < 1 || settings.meanClusterSize > 20 ||
         settings.noiseFraction < 0 || settings.noiseFraction > 1) {
         throw std::invalid_argument("generator settings out of range");

@@ -27,6 +27,9 @@ const char* const usage =
     "      --global-interval S  seconds between global time packets (default 0.01)\n"
     "      --start SECONDS      global time of the first timestamp (default 1)\n"
     "      --max-chunk N        largest chunk in packets, 1 to 8191 (default 1000)\n"
+    "      --pattern NAME       camera (photon clusters and noise, default), chain (one pixel firing every\n"
+    "                           --interval ticks) or spot (a 3 x 2 spot firing in turn, around)\n"
+    "      --interval TICKS     ticks of 1.5625 ns between the hits of a chain or a spot (default 60)\n"
     "  -h, --help               print this text\n";
 
 } // namespace
@@ -47,6 +50,8 @@ int main(int argc, char** argv) {
         {"global-interval", required_argument, nullptr, 'G'},
         {"start", required_argument, nullptr, 'S'},
         {"max-chunk", required_argument, nullptr, 'C'},
+        {"pattern", required_argument, nullptr, 'P'},
+        {"interval", required_argument, nullptr, 'I'},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     };
@@ -89,6 +94,19 @@ int main(int argc, char** argv) {
                 break;
             case 'C':
                 settings.maxChunkPackets = static_cast<unsigned>(std::stoul(optarg));
+                break;
+            case 'P': {
+                const std::string name = optarg;
+                if (name != "camera" && name != "chain" && name != "spot") {
+                    throw std::invalid_argument("unknown pattern " + name);
+                }
+                settings.pattern = name == "chain"  ? tpx3gen::Pattern::chain
+                                   : name == "spot" ? tpx3gen::Pattern::spot
+                                                    : tpx3gen::Pattern::camera;
+                break;
+            }
+            case 'I':
+                settings.chainInterval_ticks = std::stoll(optarg);
                 break;
             case 'h':
                 std::fputs(usage, stdout);
