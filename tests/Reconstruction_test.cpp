@@ -356,11 +356,20 @@ TEST(Reconstruction, CheckNextOnlyEqualsTheRunsOfLinkedNeighbours) {
 TEST(Reconstruction, ForwardChainEqualsBuildingAllChainsFirst) {
     std::mt19937_64 random(23);
     for (int round = 0; round < 1000; ++round) {
-        // Up to 20000 hits, so that the emitted chains and the dropped positions cross the tables' compaction.
+        // Up to 20000 hits, so that the emitted chains and the dropped positions cross the tables' compaction;
+        // every third round a burst, where more hits lie within dTime than the disc of dSpace has pixels (the
+        // search looks up the latest hit per pixel then), now and then with pixels outside the detector.
         const std::size_t n = round % 50 == 0 ? 20000 : 20 + random() % 300;
-        const auto data = dataOf(randomHits(random, n, 20 + static_cast<long>(random() % (n * 20)), 2 + random() % 30));
-        const auto p = settings(static_cast<double>(random() % 30) / 10.0 - 0.5, static_cast<long>(random() % 80) - 4,
-                                random() % 3, random() % 8, 1.0, static_cast<double>(random() % 5000));
+        const long spread =
+            round % 3 == 0 ? 20 + static_cast<long>(random() % 100) : 20 + static_cast<long>(random() % (n * 20));
+        auto hits = randomHits(random, n, spread, 2 + random() % 30);
+        if (round % 7 == 0) {
+            hits[random() % n].y = -2;
+        }
+        const double dSpace = round % 11 == 0 ? 20.0 : static_cast<double>(random() % 30) / 10.0 - 0.5;
+        const auto p = settings(dSpace, static_cast<long>(random() % 80) - 4, random() % 3, random() % 8, 1.0,
+                                static_cast<double>(random() % 5000));
+        const auto data = dataOf(hits);
         ASSERT_EQ(reconstruct_photonEvents_forwardChain_pixelBuildup(data, p).photonEvents,
                   referenceForwardChain(data, p))
             << "round " << round;

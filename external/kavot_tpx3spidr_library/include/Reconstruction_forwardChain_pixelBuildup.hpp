@@ -1,8 +1,11 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <optional>
+#include <utility>
+#include <vector>
 
 #include "ClusterSteps.hpp"
 #include "PixelActivationChain.hpp"
@@ -12,6 +15,75 @@
 
 namespace kavot_tpx3spidr {
 
+namespace forwardChainSearch {
+
+/// The position of the latest activation on every pixel of the detector, and the pixels within a distance d.
+class PixelLatest {
+public:
+    explicit PixelLatest(short d_) : d(d_ < 0 ? -std::int64_t{d_} : std::int64_t{d_}) {
+        if (d <= maxTableDistance) {
+            for (std::int64_t dy = -d; dy <= d; ++dy) {
+                for (std::int64_t dx = -d; dx <= d; ++dx) {
+                    if (dx * dx + dy * dy <= d * d) {
+                        disc.push_back({dx, dy});
+                    }
+                }
+            }
+            positionPlusOne.assign(detectorPixels * detectorPixels, 0);
+        }
+    }
+
+    /// Whether looking up the disc costs less than walking back through `within` activations.
+    [[nodiscard]] bool worthLookingUp(std::size_t within, const PixelActivation& at) const noexcept {
+        return usable && !disc.empty() && within > 2 * disc.size() && inRange(at.get_x_px(), at.get_y_px());
+    }
+
+    /// The largest position among the latest activations of the disc's pixels around `at` for which
+    /// `qualifies(position)` holds.
+    template <typename Qualifies>
+    [[nodiscard]] std::optional<std::size_t> mostRecent(const PixelActivation& at, Qualifies&& qualifies) const {
+        std::optional<std::size_t> found;
+        for (const auto& [dx, dy] : disc) {
+            const std::int64_t x = at.get_x_px() + dx;
+            const std::int64_t y = at.get_y_px() + dy;
+            if (!inRange(x, y)) {
+                continue;
+            }
+            const std::size_t stored = positionPlusOne[static_cast<std::size_t>(y * detectorPixels + x)];
+            if (stored != 0 && (!found || stored - 1 > *found) && qualifies(stored - 1)) {
+                found = stored - 1;
+            }
+        }
+        return found;
+    }
+
+    void set(const PixelActivation& activation, std::size_t position) {
+        if (positionPlusOne.empty()) {
+            return;
+        }
+        if (!inRange(activation.get_x_px(), activation.get_y_px())) {
+            usable = false; // a pixel outside the detector: the table cannot hold it
+            return;
+        }
+        positionPlusOne[static_cast<std::size_t>(activation.get_y_px() * detectorPixels + activation.get_x_px())] =
+            position + 1;
+    }
+
+private:
+    static constexpr std::int64_t maxTableDistance = 16;
+    static constexpr std::int64_t detectorPixels = 256;
+    [[nodiscard]] static bool inRange(std::int64_t x, std::int64_t y) noexcept {
+        return x >= 0 && y >= 0 && x < detectorPixels && y < detectorPixels;
+    }
+
+    std::int64_t d;
+    std::vector<std::pair<std::int64_t, std::int64_t>> disc;
+    std::vector<std::size_t> positionPlusOne; ///< per pixel, row by row; 0 before its first activation
+    bool usable = true;
+};
+
+} // namespace forwardChainSearch
+
 /// One forward pass: every activation joins the chain of the most recent earlier activation within dTime
 /// (inclusive) and dSpace (truncated to whole pixels, inclusive), or opens a chain; chains never merge. Photons
 /// come from the chains in the order in which they were opened.
@@ -20,6 +92,12 @@ namespace kavot_tpx3spidr {
 /// hand is more than dTime after a chain's latest member, that chain is complete. The chains are therefore
 /// emitted from the front of the list as they complete, instead of all at the end: the same photons in the
 /// same order, with only the open chains held.
+///
+/// The most recent neighbour is found by walking back through the activations within dTime while they are
+/// few; where more lie within dTime than the disc of radius d has pixels, by looking at the latest activation
+/// of each pixel of the disc instead: the most recent activation on a pixel is the most recent within dTime
+/// there if any is, and the neighbour is the most recent of those. Either way the work per activation is
+/// bounded by what lies within dTime and dSpace of it.
 template <typename Sequence, typename Sink>
 void reconstruct_photonEvents_forwardChain_pixelBuildup(Sequence& sequence,
                                                         const ReconstructionParameters_PhotonEvents& parameters,
@@ -39,6 +117,7 @@ void reconstruct_photonEvents_forwardChain_pixelBuildup(Sequence& sequence,
         }
     };
     std::size_t oldestNeeded = 0; // the backward search never reads before this position
+    forwardChainSearch::PixelLatest latest(d);
     for (std::size_t i = 0; sequence.has(i); ++i) {
         const PixelActivation P = sequence[i];
         const long ti = P.get_toa().get_value();
@@ -55,16 +134,22 @@ void reconstruct_photonEvents_forwardChain_pixelBuildup(Sequence& sequence,
         chainOfPixel.discardBefore(oldestNeeded);
 
         std::optional<std::size_t> neighbour;
-        for (std::size_t k = i; k-- > 0;) {
-            const PixelActivation& Q = sequence[k];
-            if (ti - Q.get_toa().get_value() > dT) {
-                break;
-            }
-            if (PixelActivation::distSpace_smallerEqualThan(P, Q, d)) {
-                neighbour = k;
-                break;
+        if (latest.worthLookingUp(i - oldestNeeded, P)) {
+            neighbour = latest.mostRecent(
+                P, [&](std::size_t k) { return k >= oldestNeeded && ti - sequence[k].get_toa().get_value() <= dT; });
+        } else {
+            for (std::size_t k = i; k-- > 0;) {
+                const PixelActivation& Q = sequence[k];
+                if (ti - Q.get_toa().get_value() > dT) {
+                    break;
+                }
+                if (PixelActivation::distSpace_smallerEqualThan(P, Q, d)) {
+                    neighbour = k;
+                    break;
+                }
             }
         }
+        latest.set(P, i);
         std::size_t chainNumber = 0;
         if (neighbour) {
             chainNumber = chainOfPixel.get(*neighbour);

@@ -97,25 +97,25 @@ public:
         }
     }
 
-    void add_linked(const PixelActivation& activation) { add(linked, activation); }
-    [[gnu::noinline]] void add_carried(const PixelActivation& activation) { add(carried, activation); }
+    /// Adds a member the scan linked; those earlier than `lower` may leave.
+    void add_linked(const PixelActivation& activation, long lower) { add(linked, activation, lower); }
+    [[gnu::noinline]] void add_carried(const PixelActivation& activation, long lower) {
+        add(carried, activation, lower);
+    }
 
     /// Whether an activation not earlier than `lower` lies within d of (x, y). Those earlier leave the window:
-    /// at once while the table is in use, otherwise once a stream holds a few of them (until then the test
-    /// passes over them by their time, which costs less than deciding each time whether they leave).
+    /// at once while the table is in use, otherwise when a stream grows beyond a few of them (until then the
+    /// test passes over them by their time, which costs less than deciding each time whether they leave).
     [[nodiscard]] bool links(short x, short y, long lower) {
-        if (tableActive) [[unlikely]] {
-            drop(linked, lower);
-            drop(carried, lower);
-            return linksByTable(x, y, lower);
+        // Most candidates belong to other clusters: outside the box around every member since `clear`, grown
+        // by d, none of the window's activations can be near.
+        if (x < minX - d || x > maxX + d || y < minY - d || y > maxY + d) {
+            return false;
         }
-        if (linked.members.size() - linked.head > lazyDrop) [[unlikely]] {
-            drop(linked, lower);
+        if (tableActive || carried.head != carried.members.size()) [[unlikely]] {
+            return links_everyWay(x, y, lower);
         }
-        if (carried.head != carried.members.size()) [[unlikely]] {
-            drop(carried, lower);
-        }
-        return near(linked, x, y, lower) || near(carried, x, y, lower);
+        return near(linked, x, y, lower);
     }
 
     void clear() {
@@ -128,6 +128,8 @@ public:
         linked.head = 0;
         carried.members.clear();
         carried.head = 0;
+        minX = minY = std::numeric_limits<std::int64_t>::max() / 2;
+        maxX = maxY = std::numeric_limits<std::int64_t>::min() / 2;
     }
 
 private:
@@ -153,11 +155,26 @@ private:
         return static_cast<std::size_t>((y + d) * tableSide() + x + d);
     }
 
-    void add(Stream& stream, const PixelActivation& activation) {
+    void add(Stream& stream, const PixelActivation& activation, long lower) {
         stream.members.push_back({activation.get_toa().get_value(), activation.get_x_px(), activation.get_y_px()});
+        minX = std::min<std::int64_t>(minX, activation.get_x_px());
+        maxX = std::max<std::int64_t>(maxX, activation.get_x_px());
+        minY = std::min<std::int64_t>(minY, activation.get_y_px());
+        maxY = std::max<std::int64_t>(maxY, activation.get_y_px());
+        if (stream.members.size() - stream.head > lazyDrop) [[unlikely]] {
+            drop(stream, lower);
+        }
         if (tableActive || stream.members.size() - stream.head > tableFrom) [[unlikely]] {
             followTable(stream.members.back());
         }
+    }
+    [[gnu::noinline]] bool links_everyWay(short x, short y, long lower) {
+        drop(carried, lower);
+        if (tableActive) {
+            drop(linked, lower);
+            return linksByTable(x, y, lower);
+        }
+        return near(linked, x, y, lower) || near(carried, x, y, lower);
     }
     void drop(Stream& stream, long lower) {
         while (stream.head < stream.members.size() && stream.members[stream.head].toa < lower) {
@@ -236,6 +253,11 @@ private:
 
     std::int64_t d;
     std::int64_t dSquared;
+    // The box around every activation added since the last `clear` (empty: min above max).
+    std::int64_t minX = std::numeric_limits<std::int64_t>::max() / 2;
+    std::int64_t maxX = std::numeric_limits<std::int64_t>::min() / 2;
+    std::int64_t minY = std::numeric_limits<std::int64_t>::max() / 2;
+    std::int64_t maxY = std::numeric_limits<std::int64_t>::min() / 2;
     Stream linked;
     Stream carried;
     std::vector<std::int64_t> disc;
@@ -301,7 +323,7 @@ void reconstruct_photonEvents_fullChain_direct(Sequence& activations,
         PixelActivationChain chain(seed);
         sequence.mark(i) = c;
         window.clear();
-        window.add_linked(seed);
+        window.add_linked(seed, seed.get_toa().get_value() - dT);
         std::size_t ahead = i + 1; // the next position the window has not looked at for marks of c
         std::size_t lastMarked = i;
         long horizon = seed.get_toa().get_value() + dT;
@@ -325,13 +347,13 @@ void reconstruct_photonEvents_fullChain_direct(Sequence& activations,
                 for (; ahead <= carriedEnd && at.activations[ahead - at.first].get_toa().get_value() <= tj + dT;
                      ++ahead) {
                     if (at.marks[ahead - at.first] == c) {
-                        window.add_carried(at.activations[ahead - at.first]);
+                        window.add_carried(at.activations[ahead - at.first], tj - dT);
                     }
                 }
                 if (window.links(candidate.get_x_px(), candidate.get_y_px(), tj - dT)) {
                     chain.add_pixelActivation_notFirst(candidate);
                     at.marks[j - at.first] = c;
-                    window.add_linked(candidate);
+                    window.add_linked(candidate, tj - dT);
                     lastMarked = j;
                     horizon = std::max(horizon, tj + dT);
                 } else if (firstFree == 0) {
