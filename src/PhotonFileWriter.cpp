@@ -39,16 +39,16 @@ PhotonFileWriter::PhotonFileWriter(int fd_) : fd(fd_), buffer(bufferSize_bytes) 
     append(start, sizeof start);
 }
 
-void PhotonFileWriter::write_triggers(const std::vector<kavot_tpx3spidr::Time>& times) {
+void PhotonFileWriter::write_triggers(const kavot_tpx3spidr::SpillingList<kavot_tpx3spidr::Time>& times) {
     char header[PhotonFile::headerSize_bytes];
     PhotonFile::store_blockHeader(header, PhotonFile::IO_ExtTriggers::identifier,
                                   PhotonFile::trigger_bytes * times.size());
     append(header, sizeof header);
-    for (const auto time : times) {
+    times.for_each([&](kavot_tpx3spidr::Time time) {
         char value[PhotonFile::trigger_bytes];
         PhotonFile::store_trigger(value, time);
         append(value, sizeof value);
-    }
+    });
     triggers = times.size();
 }
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "PhotonEvents.hpp"
+#include "Spill.hpp"
 
 /// Writes a photon event file while the photons are still being found: the bytes of the block writer (file
 /// block, build information, photon block, trigger block), with the two sizes that depend on the photon count
@@ -25,7 +26,7 @@ public:
         ++photons;
     }
     /// Ends the photon block with a trigger block holding `triggers`.
-    void write_triggers(const std::vector<kavot_tpx3spidr::Time>& triggers);
+    void write_triggers(const kavot_tpx3spidr::SpillingList<kavot_tpx3spidr::Time>& triggers);
     /// Writes what is buffered and fills in the sizes. False if anything failed.
     [[nodiscard]] bool finish();
 

@@ -96,6 +96,18 @@ struct Output {
     std::exception_ptr error;
 };
 
+/// Where what does not fit in memory goes (hits too far out of time order, very many trigger times): beside
+/// the output file, in temporary files without a name that vanish when the run ends in any way; in the system's
+/// temporary folder while the output's folder does not exist.
+std::string spillFolder(const std::string& outputPath) {
+    std::error_code error;
+    const fs::path folder = fs::path(outputPath).parent_path();
+    if (folder.empty()) {
+        return ".";
+    }
+    return fs::is_directory(folder, error) ? folder.string() : fs::temp_directory_path(error).string();
+}
+
 /// The run: census (validation, totals, trigger times), the activations in time order, the chosen algorithm,
 /// and every photon into the photon file and the image as it is found.
 template <bool useGlobalTime>
@@ -105,7 +117,7 @@ void run_processingSequence(const Parameters& parameters,
     const std::string& prefix = *parameters.inputFile;
     const std::string& outputPath = *parameters.outputFile;
     const Tpx3InputFile input(prefix);
-    const Tpx3Census census = census_tpx3<useGlobalTime>(input);
+    const Tpx3Census census = census_tpx3<useGlobalTime>(input, spillFolder(outputPath));
     logging<LogLevel::trace>(prefix + ": Finished loading input at " + secondsSince(start) + " seconds");
     logging<LogLevel::info>(prefix +
                             ": Total number of pixel activations in file = " + std::to_string(census.pixelCount));
@@ -119,7 +131,7 @@ void run_processingSequence(const Parameters& parameters,
         image.emplace(Image_2D_Photons::run_resolution);
     }
     PhotonSink sink{output.writer ? &*output.writer : nullptr, image ? &*image : nullptr, 0};
-    Tpx3HitSource<useGlobalTime> activations(input, census);
+    Tpx3HitSource<useGlobalTime> activations(input, census, spillFolder(outputPath));
     reconstruct_photonEvents_into(algorithm, activations, reconstruction, sink);
     input.check_unchanged();
     if (output.writer && reconstruction.TDC1) {

@@ -1,6 +1,9 @@
 // The time order of a recording: the data set against a literal insertion reference, and the blocks decoded
 // and merged from a file against the data set.
 
+#include <algorithm>
+#include <filesystem>
+#include <limits>
 #include <random>
 #include <vector>
 
@@ -141,15 +144,75 @@ TEST(Tpx3HitSource, ReleasesTheDataSetOrderFromTheFile) {
     }
     cases.push_back({"ties", chunk(ties)});
     const TempDir dir;
+    const TempDir spill;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         writeWords(dir / "r.tpx3", c.words);
         const Tpx3InputFile file(dir / "r.tpx3");
         const Tpx3Census census = census_tpx3<true>(file);
         ASSERT_GE(census.blocks.size(), 2u);
-        Tpx3HitSource<true> source(file, census);
         const auto data = Data_Tpx3Spidr::make_from_file_tpx3spidr<true>(dir / "r.tpx3");
-        DataSetSequence expected(data);
-        ASSERT_EQ(all(source), all(expected));
+        DataSetSequence inMemory(data);
+        const auto expected = all(inMemory);
+        Tpx3HitSource<true> source(file, census);
+        ASSERT_EQ(all(source), expected);
+        // Holding at most 1000 activations: every block waits in a temporary file.
+        Tpx3HitSource<true> spilling(file, census, spill.path.string(), 1000);
+        ASSERT_EQ(all(spilling), expected);
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(spill.path)) << "temporary files have no name";
+}
+
+TEST(HitMerge, ReleasesTheStableOrderOfItsRunsInAnyMemory) {
+    // Runs that overlap in time and share times, released up to the smallest time of the runs still to come,
+    // against a stable sort of all of them; in memory, and with so little memory that hundreds of temporary
+    // files are merged over several generations.
+    std::mt19937_64 random(19);
+    std::vector<std::vector<PixelActivation>> runs(400);
+    std::vector<PixelActivation> everything;
+    for (std::size_t r = 0; r < runs.size(); ++r) {
+        const long start = static_cast<long>(random() % 2000) - 1000 + static_cast<long>(r) * 3;
+        for (std::size_t k = 0, n = random() % 60; k < n; ++k) {
+            runs[r].emplace_back(static_cast<short>(r), static_cast<short>(k),
+                                 Time(start + static_cast<long>(random() % 40)), 0);
+        }
+        std::stable_sort(runs[r].begin(), runs[r].end(),
+                         [](const auto& a, const auto& b) { return a.get_toa() < b.get_toa(); });
+        everything.insert(everything.end(), runs[r].begin(), runs[r].end());
+    }
+    std::stable_sort(everything.begin(), everything.end(),
+                     [](const auto& a, const auto& b) { return a.get_toa() < b.get_toa(); });
+    std::vector<long> laterMin(runs.size() + 1, std::numeric_limits<long>::max());
+    for (std::size_t r = runs.size(); r-- > 0;) {
+        laterMin[r] =
+            runs[r].empty() ? laterMin[r + 1] : std::min(laterMin[r + 1], runs[r].front().get_toa().get_value());
+    }
+    const TempDir spill;
+    for (const std::size_t limit : {std::size_t{0}, std::size_t{5}, std::size_t{500}}) {
+        SCOPED_TRACE(limit);
+        HitMerge merge = limit == 0 ? HitMerge() : HitMerge(spill.path.string(), limit);
+        std::vector<PixelActivation> out;
+        for (std::size_t r = 0; r < runs.size(); ++r) {
+            merge.add_run(std::vector<PixelActivation>(runs[r]));
+            merge.release(laterMin[r + 1], out, 1 + random() % 100);
+        }
+        while (merge.release(std::numeric_limits<long>::max(), out, 1000) > 0) {
+        }
+        EXPECT_TRUE(merge.empty());
+        ASSERT_EQ(out, everything);
+    }
+}
+
+TEST(SpillingList, GivesBackItsValuesInOrder) {
+    const TempDir spill;
+    for (const std::size_t n : {std::size_t{0}, std::size_t{99}, std::size_t{100}, std::size_t{10000}}) {
+        SpillingList<Time> list(spill.path.string(), 100);
+        for (std::size_t k = 0; k < n; ++k) {
+            list.push_back(Time(static_cast<long>(k * 7) - 50));
+        }
+        ASSERT_EQ(list.size(), n);
+        std::size_t k = 0;
+        list.for_each([&](Time time) { ASSERT_EQ(time, Time(static_cast<long>(k++ * 7) - 50)); });
+        EXPECT_EQ(k, n);
     }
 }

@@ -76,7 +76,7 @@ void decodeAndCluster(const std::vector<std::uint64_t>& words, const std::string
     }
     require(decoded.has_value());
     const Data_Tpx3Spidr& data = *decoded;
-    require(census->tdcTriggers == data.get_tdc1Triggers());
+    require(census->tdcTriggers.to_vector() == data.get_tdc1Triggers());
     const ReconstructionParameters_PhotonEvents parameters{2.0, Time(64), 1, 200, 1.0, 1e9, true};
     for (int algorithm = 0; algorithm < 3; ++algorithm) {
         Tpx3HitSource<useGlobalTime> streamed(file, *census);

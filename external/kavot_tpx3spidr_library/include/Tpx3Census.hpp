@@ -6,8 +6,10 @@
 #include <limits>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
+#include "Spill.hpp"
 #include "TimeOrder.hpp"
 #include "Tpx3Chunks.hpp"
 #include "Tpx3InputFile.hpp"
@@ -37,7 +39,7 @@ struct Tpx3Census {
     std::uint64_t pixelCount = 0;
     std::uint64_t tdcCount = 0;
     std::uint64_t reference_ticks = 0; ///< the first global timestamp; 0 when the raw times are used
-    std::vector<Time> tdcTriggers;
+    SpillingList<Time> tdcTriggers;
     std::vector<Tpx3Block> blocks;
 };
 
@@ -66,6 +68,9 @@ template <typename Walk>
 
 namespace detail {
 
+/// Trigger times kept in memory before they go to a temporary file (8 MiB).
+constexpr std::size_t triggersInMemory = std::size_t{1} << 20;
+
 /// Blocks hold at least this many words; a recording is cut into at most about 65536 of them, so that the
 /// census stays small for any size of recording.
 [[nodiscard]] inline std::uint64_t blockWords_for(std::uint64_t size_words) noexcept {
@@ -79,8 +84,11 @@ namespace detail {
 /// recording, which starts with one), because every time is placed around it; a recording without one is
 /// refused, once its whole structure has been checked.
 template <bool useGlobalTime, typename Walk>
-[[nodiscard]] Tpx3Census census(Walk&& walk, std::uint64_t size_words) {
+[[nodiscard]] Tpx3Census census(Walk&& walk, std::uint64_t size_words, const std::string& spillFolder) {
     Tpx3Census census;
+    if (!spillFolder.empty()) {
+        census.tdcTriggers = SpillingList<Time>(spillFolder, triggersInMemory);
+    }
     if constexpr (useGlobalTime) {
         const std::optional<std::uint64_t> reference = firstGlobalTimestamp_tpx3(walk);
         if (!reference) {
@@ -122,16 +130,18 @@ template <bool useGlobalTime, typename Walk>
 
 } // namespace detail
 
-/// The census of a recording file.
+/// The census of a recording file. Trigger times beyond a few million go to a temporary file in `spillFolder`
+/// (kept in memory without one).
 template <bool useGlobalTime>
-[[nodiscard]] Tpx3Census census_tpx3(const Tpx3InputFile& file) {
-    return detail::census<useGlobalTime>([&](auto&& onChunk) { for_eachChunk_tpx3(file, onChunk); }, file.size_words());
+[[nodiscard]] Tpx3Census census_tpx3(const Tpx3InputFile& file, const std::string& spillFolder = "") {
+    return detail::census<useGlobalTime>([&](auto&& onChunk) { for_eachChunk_tpx3(file, onChunk); }, file.size_words(),
+                                         spillFolder);
 }
 
 /// The census of a recording already in memory (the words are not modified).
 template <bool useGlobalTime>
 [[nodiscard]] Tpx3Census census_tpx3(const std::uint64_t* data, std::size_t size) {
-    return detail::census<useGlobalTime>([&](auto&& onChunk) { for_eachChunk_tpx3(data, size, onChunk); }, size);
+    return detail::census<useGlobalTime>([&](auto&& onChunk) { for_eachChunk_tpx3(data, size, onChunk); }, size, "");
 }
 
 } // namespace kavot_tpx3spidr

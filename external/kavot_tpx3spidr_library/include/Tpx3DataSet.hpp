@@ -74,7 +74,7 @@ public:
                                    ordering.add(PixelActivation(pixel.x, pixel.y, Time(time), pixel.tot));
                                });
         ordering.finish();
-        return Data_Tpx3Spidr(std::move(activations), std::move(census.tdcTriggers), inTimeOrder);
+        return Data_Tpx3Spidr(std::move(activations), std::move(census.tdcTriggers).to_vector(), inTimeOrder);
     }
 
 private:

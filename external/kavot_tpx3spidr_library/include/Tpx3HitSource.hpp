@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <string>
 #include <vector>
 
 #include "TimeOrder.hpp"
@@ -19,13 +20,20 @@ namespace kavot_tpx3spidr {
 ///
 /// Each block is decoded with the rollover repair starting from the latest time the census found before it,
 /// and sorted on its own; the sorted blocks are merged. After block b, everything not later than the smallest
-/// time of all later blocks (which the census knows) is certain and is released.
+/// time of all later blocks (which the census knows) is certain and is released, a step at a time. What waits
+/// beyond `memoryLimit_hits` goes to temporary files in `spillFolder` (see `HitMerge`), so that memory stays
+/// bounded whatever the disorder of the recording.
 template <bool useGlobalTime>
 class Tpx3HitSource {
 public:
-    /// `census` must come from `census_tpx3<useGlobalTime>` over the same file.
-    Tpx3HitSource(const Tpx3InputFile& file_, const Tpx3Census& census_)
-        : file(file_), census(census_), timeScale(census_.reference_ticks) {}
+    /// `census` must come from `census_tpx3<useGlobalTime>` over the same file. Without a folder, everything
+    /// waits in memory.
+    Tpx3HitSource(const Tpx3InputFile& file_,
+                  const Tpx3Census& census_,
+                  const std::string& spillFolder = "",
+                  std::size_t memoryLimit_hits = std::size_t{1} << 21)
+        : file(file_), census(census_), timeScale(census_.reference_ticks),
+          merge(spillFolder.empty() ? HitMerge() : HitMerge(spillFolder, memoryLimit_hits)) {}
 
     [[nodiscard]] bool has(std::size_t position) {
         while (position >= base + released.size()) {
@@ -46,8 +54,13 @@ public:
     void discardBefore(std::size_t position) noexcept { discardPoint = std::max(discardPoint, position); }
 
 private:
-    /// Decodes the next block and releases what has become certain. Returns false when nothing is left.
+    /// Releases the next step of what is certain; when nothing is, decodes the next block. Returns false when
+    /// nothing is left.
     [[gnu::noinline]] bool decodeMore() {
+        compact();
+        if (merge.release(bound, released, releaseStep_hits) > 0) {
+            return true;
+        }
         if (nextBlock == census.blocks.size()) {
             return false;
         }
@@ -66,9 +79,9 @@ private:
         if (run.size() != block.pixelCount) {
             throw file.changed(); // the census counted other packets here
         }
-        compact();
         merge.add_run(std::move(run));
-        merge.release(block.minAfter, released);
+        bound = block.minAfter;
+        merge.release(bound, released, releaseStep_hits);
         return true;
     }
 
@@ -82,11 +95,16 @@ private:
         }
     }
 
+    /// At most this many are released at a time: after the last block of a reversed recording, all of it is
+    /// certain at once.
+    static constexpr std::size_t releaseStep_hits = std::size_t{1} << 18;
+
     const Tpx3InputFile& file;
     const Tpx3Census& census;
     Tpx3TimeScale<useGlobalTime> timeScale;
     std::size_t nextBlock = 0;
-    std::vector<std::uint64_t> words; ///< the block being decoded
+    long bound = std::numeric_limits<long>::min(); ///< nothing later is certain yet
+    std::vector<std::uint64_t> words;              ///< the block being decoded
     HitMerge merge;
     std::vector<PixelActivation> released; ///< positions from `base` on
     std::size_t base = 0;

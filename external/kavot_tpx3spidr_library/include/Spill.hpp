@@ -1,0 +1,153 @@
+#pragma once
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace kavot_tpx3spidr {
+
+/// A temporary file of the run's own, for data that does not fit in memory: a file without a name in the given
+/// folder, which vanishes when it is closed, also when the process is killed. Failures (a full disk, a folder
+/// that cannot be written) end the run with one error line.
+class SpillFile {
+public:
+    explicit SpillFile(const std::string& folder_) : folder(folder_) {
+        fd = ::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+        if (fd < 0) { // a file system without unnamed files: name one and remove the name at once
+            std::string pattern = folder + "/.vundrel-spill.XXXXXX";
+            fd = ::mkostemp(pattern.data(), O_CLOEXEC);
+            if (fd >= 0) {
+                ::unlink(pattern.c_str());
+            }
+        }
+        if (fd < 0) {
+            throw failed();
+        }
+    }
+    SpillFile(SpillFile&& other) noexcept
+        : folder(std::move(other.folder)), fd(std::exchange(other.fd, -1)), size(other.size) {}
+    SpillFile& operator=(SpillFile&& other) noexcept {
+        std::swap(folder, other.folder);
+        std::swap(fd, other.fd);
+        std::swap(size, other.size);
+        return *this;
+    }
+    SpillFile(const SpillFile&) = delete;
+    SpillFile& operator=(const SpillFile&) = delete;
+    ~SpillFile() {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+
+    [[nodiscard]] std::uint64_t size_bytes() const noexcept { return size; }
+
+    void append(const void* bytes, std::size_t n) {
+        const auto* at = static_cast<const char*>(bytes);
+        while (n > 0) {
+            const ssize_t written = ::pwrite(fd, at, n, static_cast<off_t>(size));
+            if (written < 0 && errno == EINTR) {
+                continue;
+            }
+            if (written <= 0) {
+                throw failed();
+            }
+            at += written;
+            n -= static_cast<std::size_t>(written);
+            size += static_cast<std::uint64_t>(written);
+        }
+    }
+
+    void read(std::uint64_t offset, void* bytes, std::size_t n) const {
+        auto* at = static_cast<char*>(bytes);
+        while (n > 0) {
+            const ssize_t got = ::pread(fd, at, n, static_cast<off_t>(offset));
+            if (got < 0 && errno == EINTR) {
+                continue;
+            }
+            if (got <= 0) {
+                throw failed();
+            }
+            at += got;
+            n -= static_cast<std::size_t>(got);
+            offset += static_cast<std::uint64_t>(got);
+        }
+    }
+
+private:
+    [[nodiscard]] std::invalid_argument failed() const {
+        return std::invalid_argument("Unable to write temporary file in \"" + folder + "\" !");
+    }
+
+    std::string folder;
+    int fd = -1;
+    std::uint64_t size = 0;
+};
+
+/// Values appended in order and read back in order: the first `memoryLimit` in memory, the rest in a temporary
+/// file in `folder` (never, without a folder).
+template <typename T>
+class SpillingList {
+public:
+    SpillingList() = default;
+    SpillingList(std::string folder_, std::size_t memoryLimit_)
+        : folder(std::move(folder_)), memoryLimit(memoryLimit_) {}
+
+    void push_back(const T& value) {
+        if (!folder.empty() && inMemory.size() >= memoryLimit) {
+            if (!file) {
+                file.emplace(folder);
+            }
+            file->append(inMemory.data(), inMemory.size() * sizeof(T));
+            spilled += inMemory.size();
+            inMemory.clear();
+        }
+        inMemory.push_back(value);
+    }
+
+    [[nodiscard]] std::size_t size() const noexcept { return spilled + inMemory.size(); }
+
+    /// Calls `consume(value)` for every value, in order.
+    template <typename Consume>
+    void for_each(Consume&& consume) const {
+        std::vector<T> batch;
+        for (std::size_t at = 0; at < spilled; at += batch.size()) {
+            batch.resize(std::min(memoryLimit, spilled - at), inMemory.empty() ? T(0) : inMemory.front());
+            file->read(at * sizeof(T), batch.data(), batch.size() * sizeof(T));
+            std::for_each(batch.begin(), batch.end(), consume);
+        }
+        std::for_each(inMemory.begin(), inMemory.end(), consume);
+    }
+
+    /// All values in one vector (for lists that live in memory anyway).
+    [[nodiscard]] std::vector<T> to_vector() && {
+        if (spilled == 0) {
+            return std::move(inMemory);
+        }
+        return static_cast<const SpillingList&>(*this).to_vector();
+    }
+    [[nodiscard]] std::vector<T> to_vector() const& {
+        std::vector<T> all;
+        all.reserve(size());
+        for_each([&](const T& value) { all.push_back(value); });
+        return all;
+    }
+
+private:
+    std::string folder;
+    std::size_t memoryLimit = 0;
+    std::vector<T> inMemory;
+    std::optional<SpillFile> file; ///< from the first value spilled on
+    std::size_t spilled = 0;
+};
+
+} // namespace kavot_tpx3spidr
