@@ -3,11 +3,14 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <limits>
 #include <random>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "Data_Tpx3Spidr.hpp"
 #include "TestSupport.hpp"
@@ -15,6 +18,8 @@
 
 using namespace kavot_tpx3spidr;
 using namespace testsupport;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 namespace {
 
@@ -114,8 +119,10 @@ TEST(Data_Tpx3Spidr, OrderEqualsInsertionOnEveryInputShape) {
     }
 }
 
-TEST(Tpx3HitSource, ReleasesTheDataSetOrderFromTheFile) {
-    // Recordings of many blocks, so that hits of one block are merged with those of the next.
+TEST(Tpx3HitSource, GivesTheDataSetOrderAndPhotonsOfEveryShape) {
+    // Recordings of many blocks in the shapes of real detector data, streamed as the program reads them (in
+    // memory, and holding at most 1000 waiting hits so that every block waits in a temporary file) against
+    // the data set: the same activations in the same order, and the same photons from every algorithm.
     struct Case {
         const char* name;
         std::vector<std::uint64_t> words;
@@ -130,13 +137,19 @@ TEST(Tpx3HitSource, ReleasesTheDataSetOrderFromTheFile) {
         cases.push_back({name, tpx3gen::generate(settings).words});
     };
     with("ordered", [](tpx3gen::Settings&) {});
-    with("disordered beyond a block", [](tpx3gen::Settings& s) { s.disorder_seconds = 2e-2; });
+    with("lag beyond a block", [](tpx3gen::Settings& s) { s.disorder_seconds = 2e-2; });
     with("reversed", [](tpx3gen::Settings& s) { s.reverse = true; });
-    with("rollovers", [](tpx3gen::Settings& s) {
+    with("a clock period behind", [](tpx3gen::Settings& s) {
         s.hitRate_perSecond = 4000; // 20 to 57 s: the clock wraps and is repaired, later times are extended once
         s.startTime_seconds = 20;
         s.hits = 40000;
     });
+    with("bursts", [](tpx3gen::Settings& s) {
+        s.hitRate_perSecond = 5e8;
+        s.meanClusterSize = 12;
+    });
+    with("chain", [](tpx3gen::Settings& s) { s.pattern = tpx3gen::Pattern::chain; });
+    with("spot", [](tpx3gen::Settings& s) { s.pattern = tpx3gen::Pattern::spot; });
     // Four distinct times only: ties across every block boundary, which must keep file order.
     std::vector<std::uint64_t> ties{globalLow(0), globalHigh(0)};
     for (std::uint64_t i = 0; i < 100000; ++i) {
@@ -145,6 +158,7 @@ TEST(Tpx3HitSource, ReleasesTheDataSetOrderFromTheFile) {
     cases.push_back({"ties", chunk(ties)});
     const TempDir dir;
     const TempDir spill;
+    const ReconstructionParameters_PhotonEvents p{2.0, Time(64), 2, 200, 1.0, 5000.0, false};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         writeWords(dir / "r.tpx3", c.words);
@@ -156,11 +170,55 @@ TEST(Tpx3HitSource, ReleasesTheDataSetOrderFromTheFile) {
         const auto expected = all(inMemory);
         Tpx3HitSource<true> source(file, census);
         ASSERT_EQ(all(source), expected);
-        // Holding at most 1000 activations: every block waits in a temporary file.
-        Tpx3HitSource<true> spilling(file, census, spill.path.string(), 1000);
-        ASSERT_EQ(all(spilling), expected);
+        for (int algorithm = 0; algorithm < 3; ++algorithm) {
+            SCOPED_TRACE(algorithm);
+            Tpx3HitSource<true> spilling(file, census, spill.path.string(), 1000);
+            VectorPhotonSink streamed;
+            PhotonResult reference = reconstruct_photonEvents_fullChain_direct(data, p);
+            if (algorithm == 0) {
+                reconstruct_photonEvents_fullChain_direct(spilling, p, streamed);
+            } else if (algorithm == 1) {
+                reconstruct_photonEvents_checkNextOnly(spilling, p, streamed);
+                reference = reconstruct_photonEvents_checkNextOnly(data, p);
+            } else {
+                reconstruct_photonEvents_forwardChain_pixelBuildup(spilling, p, streamed);
+                reference = reconstruct_photonEvents_forwardChain_pixelBuildup(data, p);
+            }
+            ASSERT_EQ(streamed.photons, reference.photonEvents);
+        }
     }
     EXPECT_TRUE(std::filesystem::is_empty(spill.path)) << "temporary files have no name";
+}
+
+TEST(Tpx3HitSource, RefusesAFileThatChangedSinceItsCensus) {
+    const TempDir dir;
+    tpx3gen::Settings settings;
+    settings.hits = 100000;
+    const auto words = tpx3gen::generate(settings).words;
+    const auto changed = [&](const std::string& path) {
+        return "Input file \"" + path + "\" changed while it was read!";
+    };
+    // Shorter than the census found: the read of a later block comes up short.
+    writeWords(dir / "shrinks.tpx3", words);
+    const Tpx3InputFile shrinks(dir / "shrinks.tpx3");
+    const Tpx3Census census = census_tpx3<true>(shrinks);
+    ASSERT_EQ(truncate((dir / "shrinks.tpx3").c_str(), static_cast<off_t>(words.size() * 4)), 0);
+    Tpx3HitSource<true> source(shrinks, census);
+    EXPECT_THAT([&] { (void)source.has(census.pixelCount - 1); },
+                ThrowsMessage<std::invalid_argument>(StrEq(changed(dir / "shrinks.tpx3"))));
+    // Rewritten in place with other packets: the blocks do not hold what the census counted, or the file's
+    // modification time tells.
+    writeWords(dir / "rewritten.tpx3", words);
+    const Tpx3InputFile rewritten(dir / "rewritten.tpx3");
+    const Tpx3Census counted = census_tpx3<true>(rewritten);
+    std::vector<std::uint64_t> other = words;
+    std::reverse(other.begin() + 2, other.end() - 1);
+    {
+        std::ofstream stream(dir / "rewritten.tpx3", std::ios::binary | std::ios::in | std::ios::out);
+        stream.write(reinterpret_cast<const char*>(other.data()), static_cast<std::streamsize>(other.size() * 8));
+    }
+    EXPECT_THAT([&] { rewritten.check_unchanged(); },
+                ThrowsMessage<std::invalid_argument>(StrEq(changed(dir / "rewritten.tpx3"))));
 }
 
 TEST(HitMerge, ReleasesTheStableOrderOfItsRunsInAnyMemory) {
