@@ -31,17 +31,13 @@ constexpr long rolloverPeriod_ticks = 1L << 34;
 /// The latest time before the first activation: there is none, and the first activation is never repaired.
 constexpr long noTime_ticks = std::numeric_limits<long>::min();
 
-namespace detail {
-
 /// Plain two's complement arithmetic on tick counts, free of signed-overflow traps for arbitrary data.
-inline long wrapping_sub(long a, long b) noexcept {
+[[nodiscard]] inline long wrapping_sub(long a, long b) noexcept {
     return static_cast<long>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b));
 }
-inline long wrapping_add(long a, long b) noexcept {
+[[nodiscard]] inline long wrapping_add(long a, long b) noexcept {
     return static_cast<long>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
 }
-
-} // namespace detail
 
 /// Repairs `toa` against `latest`, the largest repaired time before it (`noTime_ticks` before the first), and
 /// makes `latest` include it. Returns the repaired time.
@@ -50,8 +46,8 @@ inline long wrapping_add(long a, long b) noexcept {
         latest = toa;
         return toa;
     }
-    if (detail::wrapping_sub(latest, toa) > rolloverThreshold_ticks) {
-        toa = detail::wrapping_add(toa, rolloverPeriod_ticks);
+    if (wrapping_sub(latest, toa) > rolloverThreshold_ticks) {
+        toa = wrapping_add(toa, rolloverPeriod_ticks);
     }
     latest = std::max(latest, toa);
     return toa;

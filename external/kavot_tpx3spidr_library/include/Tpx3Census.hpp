@@ -79,12 +79,19 @@ constexpr std::size_t triggersInMemory = std::size_t{1} << 20;
     return std::max(smallest, (size_words + mostBlocks - 1) / mostBlocks);
 }
 
-/// The census of a recording: `walk(onChunk)` walks its chunks as `for_eachChunk_tpx3` does, `size_words` is
-/// its length. With `useGlobalTime` the first global timestamp is found first (a short walk for a real
-/// recording, which starts with one), because every time is placed around it; a recording without one is
-/// refused, once its whole structure has been checked.
-template <bool useGlobalTime, typename Walk>
-[[nodiscard]] Tpx3Census census(Walk&& walk, std::uint64_t size_words, const std::string& spillFolder) {
+/// The census of a recording: `walk(onChunk)` walks its chunks as `for_eachChunk_tpx3` does, `read(first,
+/// count, destination)` reads words again, `size_words` is its length. With `useGlobalTime` the first global
+/// timestamp is found first (a short walk for a real recording, which starts with one), because every time is
+/// placed around it; a recording without one is refused, once its whole structure has been checked.
+///
+/// The rollover repair is a running maximum through every pixel time, but a block needs it hit by hit only
+/// where it can act: when the block's times all lie within 2^33 ticks of the largest of them and of the latest
+/// time before it, none is repaired (each lies at most that far behind any running maximum), the block's
+/// smallest time is its smallest raw one and the running maximum goes on from the largest. So each chunk is
+/// only summed up (counts, smallest and largest time, in vector code), and a block is decoded hit by hit only
+/// where that test fails.
+template <bool useGlobalTime, typename Walk, typename Read>
+[[nodiscard]] Tpx3Census census(Walk&& walk, Read&& read, std::uint64_t size_words, const std::string& spillFolder) {
     Tpx3Census census;
     if (!spillFolder.empty()) {
         census.tdcTriggers = SpillingList<Time>(spillFolder, triggersInMemory);
@@ -99,29 +106,56 @@ template <bool useGlobalTime, typename Walk>
     const Tpx3TimeScale<useGlobalTime> timeScale(census.reference_ticks);
     const std::uint64_t blockWords = detail::blockWords_for(size_words);
     long latest = noTime_ticks;
+    PacketSummary block; // of the block being walked
+    std::vector<std::uint64_t> words;
+    // Sets the block's own smallest time (kept in minAfter until the pass is over) and moves the running
+    // maximum on past it.
+    const auto finish = [&](Tpx3Block& last) {
+        if (block.pixels == 0) {
+            return;
+        }
+        const long top = latest == noTime_ticks ? block.latest : std::max(latest, block.latest);
+        if (wrapping_sub(top, block.earliest) <= rolloverThreshold_ticks) {
+            last.minAfter = block.earliest;
+            latest = top;
+            return;
+        }
+        words.resize(static_cast<std::size_t>(last.endWord - last.firstWord));
+        read(last.firstWord, words.size(), words.data());
+        for_eachPixel_repaired(words.data(), words.size(), timeScale, latest, [&](const tpx3::PixelFields&, long time) {
+            last.minAfter = std::min(last.minAfter, time);
+        });
+    };
     walk([&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t header) {
         if (census.blocks.empty() || header - census.blocks.back().firstWord >= blockWords) {
-            // minAfter holds the block's own smallest time until the pass is over.
+            if (!census.blocks.empty()) {
+                finish(census.blocks.back());
+            }
             census.blocks.push_back({header, header, 0, latest, std::numeric_limits<long>::max()});
+            block = PacketSummary{};
         }
-        Tpx3Block& block = census.blocks.back();
-        for (const std::uint64_t* p = first; p != last; ++p) {
-            const std::uint64_t type = tpx3::packetType(*p);
-            if (type == tpx3::type_pixel) {
-                ++block.pixelCount;
-                const long time = repair_rollover(latest, timeScale.pixelTime(tpx3::decode_pixel(*p).time_ticks));
-                block.minAfter = std::min(block.minAfter, time);
-            } else if (type == tpx3::type_tdc) {
-                census.tdcTriggers.push_back(timeScale.tdcTime(tpx3::decode_tdcTime(*p)));
+        const PacketSummary chunk = timeScale.summarize(first, static_cast<std::size_t>(last - first));
+        block.pixels += chunk.pixels;
+        block.earliest = std::min(block.earliest, chunk.earliest);
+        block.latest = std::max(block.latest, chunk.latest);
+        if (chunk.tdcs > 0) {
+            for (const std::uint64_t* p = first; p != last; ++p) {
+                if (tpx3::packetType(*p) == tpx3::type_tdc) {
+                    census.tdcTriggers.push_back(timeScale.tdcTime(tpx3::decode_tdcTime(*p)));
+                }
             }
         }
-        block.endWord = header + 1 + static_cast<std::uint64_t>(last - first);
+        census.blocks.back().pixelCount = block.pixels;
+        census.blocks.back().endWord = header + 1 + static_cast<std::uint64_t>(last - first);
     });
+    if (!census.blocks.empty()) {
+        finish(census.blocks.back());
+    }
     long later = std::numeric_limits<long>::max();
-    for (auto block = census.blocks.rbegin(); block != census.blocks.rend(); ++block) {
-        census.pixelCount += block->pixelCount;
-        const long own = block->minAfter;
-        block->minAfter = later;
+    for (auto it = census.blocks.rbegin(); it != census.blocks.rend(); ++it) {
+        census.pixelCount += it->pixelCount;
+        const long own = it->minAfter;
+        it->minAfter = later;
         later = std::min(later, own);
     }
     census.tdcCount = census.tdcTriggers.size();
@@ -134,14 +168,21 @@ template <bool useGlobalTime, typename Walk>
 /// (kept in memory without one).
 template <bool useGlobalTime>
 [[nodiscard]] Tpx3Census census_tpx3(const Tpx3InputFile& file, const std::string& spillFolder = "") {
-    return detail::census<useGlobalTime>([&](auto&& onChunk) { for_eachChunk_tpx3(file, onChunk); }, file.size_words(),
-                                         spillFolder);
+    return detail::census<useGlobalTime>([&](auto&& onChunk) { for_eachChunk_tpx3(file, onChunk); },
+                                         [&](std::uint64_t first, std::size_t count, std::uint64_t* destination) {
+                                             file.read_words(first, count, destination);
+                                         },
+                                         file.size_words(), spillFolder);
 }
 
 /// The census of a recording already in memory (the words are not modified).
 template <bool useGlobalTime>
 [[nodiscard]] Tpx3Census census_tpx3(const std::uint64_t* data, std::size_t size) {
-    return detail::census<useGlobalTime>([&](auto&& onChunk) { for_eachChunk_tpx3(data, size, onChunk); }, size, "");
+    return detail::census<useGlobalTime>([&](auto&& onChunk) { for_eachChunk_tpx3(data, size, onChunk); },
+                                         [&](std::uint64_t first, std::size_t count, std::uint64_t* destination) {
+                                             std::copy_n(data + first, count, destination);
+                                         },
+                                         size, "");
 }
 
 } // namespace kavot_tpx3spidr

@@ -139,6 +139,10 @@ public:
         return static_cast<std::int64_t>((raw >= limit ? base_atOrAboveLimit : base_belowLimit) | raw);
     }
 
+    [[nodiscard]] constexpr std::uint64_t get_limit() const noexcept { return limit; }
+    [[nodiscard]] constexpr std::uint64_t get_base_atOrAboveLimit() const noexcept { return base_atOrAboveLimit; }
+    [[nodiscard]] constexpr std::uint64_t get_base_belowLimit() const noexcept { return base_belowLimit; }
+
 private:
     std::uint64_t limit = 0;
     std::uint64_t base_atOrAboveLimit = 0;
