@@ -10,6 +10,8 @@
 #include <system_error>
 #include <vector>
 
+#include <sched.h>
+
 #include "Data_Tpx3Spidr.hpp"
 #include "Image_2D_Photons.hpp"
 #include "Logging.hpp"
@@ -17,6 +19,7 @@
 #include "PhotonFileWriter.hpp"
 #include "Reconstruction_switch.hpp"
 #include "ReplacingFile.hpp"
+#include "Tpx3Parts.hpp"
 
 using namespace kavot_tpx3spidr;
 namespace fs = std::filesystem;
@@ -108,6 +111,20 @@ std::string spillFolder(const std::string& outputPath) {
     return fs::is_directory(folder, error) ? folder.string() : fs::temp_directory_path(error).string();
 }
 
+/// The CPUs the run may use (its affinity mask), at most 16: more threads would hold more memory than they
+/// save time on the slower steps that stay on one thread (the census, writing the photons).
+unsigned usableCpus() {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (sched_getaffinity(0, sizeof(set), &set) != 0) {
+        return 1;
+    }
+    return static_cast<unsigned>(std::clamp(CPU_COUNT(&set), 1, 16));
+}
+
+/// Hits that may wait in memory for their place in the time order (32 MiB); the rest waits in temporary files.
+constexpr std::size_t waitingHits_limit = std::size_t{1} << 21;
+
 /// The run: census (validation, totals, trigger times), the activations in time order, the chosen algorithm,
 /// and every photon into the photon file and the image as it is found.
 template <bool useGlobalTime>
@@ -131,8 +148,15 @@ void run_processingSequence(const Parameters& parameters,
         image.emplace(Image_2D_Photons::run_resolution);
     }
     PhotonSink sink{output.writer ? &*output.writer : nullptr, image ? &*image : nullptr, 0};
-    Tpx3HitSource<useGlobalTime> activations(input, census, spillFolder(outputPath));
-    reconstruct_photonEvents_into(algorithm, activations, reconstruction, sink);
+    const unsigned workers = usableCpus();
+    const std::vector<Tpx3Part> parts = workers > 1 ? plan_parts(census, partSize_hits(census))
+                                                    : std::vector<Tpx3Part>{{std::nullopt, 0, noTime_ticks}};
+    cluster_inParts<useGlobalTime>(
+        input, census, parts, reconstruction.dTime.get_value(), workers, spillFolder(outputPath), waitingHits_limit,
+        [&](auto& sequence, auto& photons) {
+            reconstruct_photonEvents_into(algorithm, sequence, reconstruction, photons);
+        },
+        sink);
     input.check_unchanged();
     if (output.writer && reconstruction.TDC1) {
         output.writer->write_triggers(census.tdcTriggers);

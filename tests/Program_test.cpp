@@ -29,9 +29,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-ProcessResult
-vundrel(const std::vector<std::string>& args, const std::string& dir = ".", const std::string& tz = "UTC0") {
-    return runProcess(VUNDREL_BINARY, args, dir, tz);
+ProcessResult vundrel(const std::vector<std::string>& args,
+                      const std::string& dir = ".",
+                      const std::string& tz = "UTC0",
+                      bool oneCpu = false) {
+    return runProcess(VUNDREL_BINARY, args, dir, tz, oneCpu);
 }
 
 /// The messages of the log lines in `text`, after checking each line's label and time stamp.
@@ -299,4 +301,19 @@ TEST(Program, WritesTheLibraryResultOfEveryAlgorithm) {
             EXPECT_EQ(written.extTriggers, expected.extTriggers);
         }
     }
+}
+
+TEST(Program, WritesTheSameBytesOnOneCpuAndOnAll) {
+    // Large enough for the recording to be clustered in parts side by side where more CPUs are there.
+    const TempDir dir;
+    sampleFile(dir, 2500000);
+    std::string bytes[2];
+    for (const bool oneCpu : {true, false}) {
+        const auto result = vundrel({"-i", "sample.tpx3", "-o", "out.kavotphot", "--photImgPath", "image.raw", "-T"},
+                                    dir.path.string(), "UTC0", oneCpu);
+        ASSERT_EQ(result.status, 0) << result.err;
+        bytes[oneCpu ? 0 : 1] = readFile(dir / "out.kavotphot") + readFile(dir / "image.raw");
+    }
+    EXPECT_TRUE(bytes[0] == bytes[1]);
+    expectNoTemporaryFiles(dir.path);
 }

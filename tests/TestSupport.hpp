@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -57,11 +58,13 @@ struct ProcessResult {
     std::string err;
 };
 
-/// Runs `program` with `args` in `workingDirectory`, TZ set to `tz`, standard output and error captured.
+/// Runs `program` with `args` in `workingDirectory`, TZ set to `tz`, standard output and error captured; on the
+/// first CPU of the test's own only, when `oneCpu`.
 inline ProcessResult runProcess(const std::string& program,
                                 const std::vector<std::string>& args,
                                 const std::string& workingDirectory,
-                                const std::string& tz = "UTC0") {
+                                const std::string& tz = "UTC0",
+                                bool oneCpu = false) {
     const TempDir capture;
     const std::string outPath = capture / "out";
     const std::string errPath = capture / "err";
@@ -75,6 +78,16 @@ inline ProcessResult runProcess(const std::string& program,
             _exit(127);
         }
         setenv("TZ", tz.c_str(), 1);
+        cpu_set_t cpus;
+        if (oneCpu && sched_getaffinity(0, sizeof(cpus), &cpus) == 0) {
+            std::size_t cpu = 0;
+            while (!CPU_ISSET(cpu, &cpus)) {
+                ++cpu;
+            }
+            CPU_ZERO(&cpus);
+            CPU_SET(cpu, &cpus);
+            sched_setaffinity(0, sizeof(cpus), &cpus);
+        }
         std::vector<char*> argv;
         argv.push_back(const_cast<char*>(program.c_str()));
         for (const auto& arg : args) {

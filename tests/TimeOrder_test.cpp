@@ -15,6 +15,7 @@
 #include "Data_Tpx3Spidr.hpp"
 #include "TestSupport.hpp"
 #include "Tpx3Generator.hpp"
+#include "Tpx3Parts.hpp"
 
 using namespace kavot_tpx3spidr;
 using namespace testsupport;
@@ -119,25 +120,26 @@ TEST(Data_Tpx3Spidr, OrderEqualsInsertionOnEveryInputShape) {
     }
 }
 
-TEST(Tpx3HitSource, GivesTheDataSetOrderAndPhotonsOfEveryShape) {
-    // Recordings of many blocks in the shapes of real detector data, streamed as the program reads them (in
-    // memory, and holding at most 1000 waiting hits so that every block waits in a temporary file) against
-    // the data set: the same activations in the same order, and the same photons from every algorithm.
-    struct Case {
-        const char* name;
-        std::vector<std::uint64_t> words;
-    };
-    std::vector<Case> cases;
+namespace {
+
+struct Shape {
+    const char* name;
+    std::vector<std::uint64_t> words;
+};
+
+/// Recordings of many blocks in the shapes of real detector data.
+std::vector<Shape> recordingShapes() {
+    std::vector<Shape> shapes;
     tpx3gen::Settings base;
     base.hits = 150000;
     base.maxChunkPackets = 700;
     const auto with = [&](const char* name, auto change) {
         tpx3gen::Settings settings = base;
         change(settings);
-        cases.push_back({name, tpx3gen::generate(settings).words});
+        shapes.push_back({name, tpx3gen::generate(settings).words});
     };
     with("ordered", [](tpx3gen::Settings&) {});
-    with("lag beyond a block", [](tpx3gen::Settings& s) { s.disorder_seconds = 2e-2; });
+    with("lag beyond a block", [](tpx3gen::Settings& s) { s.disorder_seconds = 5e-3; }); // blocks hold 3 ms
     with("reversed", [](tpx3gen::Settings& s) { s.reverse = true; });
     with("a clock period behind", [](tpx3gen::Settings& s) {
         s.hitRate_perSecond = 4000; // 20 to 57 s: the clock wraps and is repaired, later times are extended once
@@ -155,13 +157,51 @@ TEST(Tpx3HitSource, GivesTheDataSetOrderAndPhotonsOfEveryShape) {
     for (std::uint64_t i = 0; i < 100000; ++i) {
         ties.push_back(pixelWord(i % 256, i / 256 % 256, 1000 + 16 * (i * 7 % 4), i % 1024));
     }
-    cases.push_back({"ties", chunk(ties)});
+    shapes.push_back({"ties", chunk(ties)});
+    // Groups of three neighbours exactly dTime (64 ticks) apart, 65 ticks between groups: only there may a
+    // recording be cut.
+    std::vector<std::uint64_t> spaced{globalLow(0), globalHigh(0)};
+    for (std::uint64_t group = 0; group < 30000; ++group) {
+        for (std::uint64_t k = 0; k < 3; ++k) {
+            spaced.push_back(pixelWord(group % 150 + k, group / 150 % 256, 4096 + group * 193 + k * 64, 10));
+        }
+    }
+    shapes.push_back({"gaps of exactly dTime", chunk(spaced, 1000)});
+    return shapes;
+}
+
+/// The photons of algorithm 0 (full chain), 1 (check next only) or 2 (forward chain) over `sequence`.
+template <typename Sequence, typename Sink>
+void cluster(int algorithm, Sequence& sequence, const ReconstructionParameters_PhotonEvents& p, Sink& sink) {
+    if (algorithm == 0) {
+        reconstruct_photonEvents_fullChain_direct(sequence, p, sink);
+    } else if (algorithm == 1) {
+        reconstruct_photonEvents_checkNextOnly(sequence, p, sink);
+    } else {
+        reconstruct_photonEvents_forwardChain_pixelBuildup(sequence, p, sink);
+    }
+}
+
+std::vector<PhotonEvent_type>
+photonsOf(int algorithm, const Data_Tpx3Spidr& data, const ReconstructionParameters_PhotonEvents& p) {
+    DataSetSequence sequence(data);
+    VectorPhotonSink sink;
+    cluster(algorithm, sequence, p, sink);
+    return sink.photons;
+}
+
+} // namespace
+
+TEST(Tpx3HitSource, GivesTheDataSetOrderAndPhotonsOfEveryShape) {
+    // Streamed as the program reads them (in memory, and holding at most 1000 waiting hits so that every block
+    // waits in a temporary file) against the data set: the same activations in the same order, and the same
+    // photons from every algorithm.
     const TempDir dir;
     const TempDir spill;
     const ReconstructionParameters_PhotonEvents p{2.0, Time(64), 2, 200, 1.0, 5000.0, false};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        writeWords(dir / "r.tpx3", c.words);
+    for (const auto& shape : recordingShapes()) {
+        SCOPED_TRACE(shape.name);
+        writeWords(dir / "r.tpx3", shape.words);
         const Tpx3InputFile file(dir / "r.tpx3");
         const Tpx3Census census = census_tpx3<true>(file);
         ASSERT_GE(census.blocks.size(), 2u);
@@ -174,20 +214,94 @@ TEST(Tpx3HitSource, GivesTheDataSetOrderAndPhotonsOfEveryShape) {
             SCOPED_TRACE(algorithm);
             Tpx3HitSource<true> spilling(file, census, spill.path.string(), 1000);
             VectorPhotonSink streamed;
-            PhotonResult reference = reconstruct_photonEvents_fullChain_direct(data, p);
-            if (algorithm == 0) {
-                reconstruct_photonEvents_fullChain_direct(spilling, p, streamed);
-            } else if (algorithm == 1) {
-                reconstruct_photonEvents_checkNextOnly(spilling, p, streamed);
-                reference = reconstruct_photonEvents_checkNextOnly(data, p);
-            } else {
-                reconstruct_photonEvents_forwardChain_pixelBuildup(spilling, p, streamed);
-                reference = reconstruct_photonEvents_forwardChain_pixelBuildup(data, p);
-            }
-            ASSERT_EQ(streamed.photons, reference.photonEvents);
+            cluster(algorithm, spilling, p, streamed);
+            ASSERT_EQ(streamed.photons, photonsOf(algorithm, data, p));
         }
     }
     EXPECT_TRUE(std::filesystem::is_empty(spill.path)) << "temporary files have no name";
+}
+
+TEST(Tpx3Parts, GiveThePhotonsOfTheWhole) {
+    // Parts of one block each, clustered side by side on three threads, for dTime from the gap of every hit (negative)
+    // up to one that leaves few gaps to cut at; where the order is far from the file's, the recording stays one part.
+    const TempDir dir;
+    for (const auto& shape : recordingShapes()) {
+        SCOPED_TRACE(shape.name);
+        writeWords(dir / "r.tpx3", shape.words);
+        const Tpx3InputFile file(dir / "r.tpx3");
+        const Tpx3Census census = census_tpx3<true>(file);
+        const auto parts = plan_parts(census, 1);
+        if (std::string(shape.name) == "ordered" || std::string(shape.name) == "lag beyond a block") {
+            ASSERT_EQ(parts.size(), census.blocks.size());
+        }
+        const auto data = Data_Tpx3Spidr::make_from_file_tpx3spidr<true>(dir / "r.tpx3");
+        for (const long dT : {-1L, 0L, 64L, 6400L}) {
+            const ReconstructionParameters_PhotonEvents p{2.0, Time(dT), 2, 200, 1.0, 5000.0, false};
+            for (int algorithm = 0; algorithm < 3; ++algorithm) {
+                SCOPED_TRACE(testing::Message() << "dT " << dT << " algorithm " << algorithm);
+                VectorPhotonSink inParts;
+                cluster_inParts<true>(
+                    file, census, parts, dT, 3, dir.path.string(), 1 << 16,
+                    [&](auto& sequence, auto& sink) { cluster(algorithm, sequence, p, sink); }, inParts);
+                ASSERT_EQ(inParts.photons, photonsOf(algorithm, data, p));
+            }
+        }
+    }
+}
+
+TEST(Tpx3Parts, PlanCutsAtBlocksUnlessTheOrderIsFarFromTheFiles) {
+    // 100 blocks of 10 activations, block b with the times [100 b - lag, 100 b + 99]; or in reverse order.
+    const auto censusOf = [](long lag, bool reversed) {
+        Tpx3Census census;
+        long latest = noTime_ticks;
+        for (long b = 0; b < 100; ++b) {
+            const long first = reversed ? 100 * (99 - b) : 100 * b - lag;
+            const long last = reversed ? first + 99 : 100 * b + 99;
+            census.blocks.push_back({0, 0, 10, latest, std::max(latest, last), first});
+            latest = std::max(latest, last);
+        }
+        long later = std::numeric_limits<long>::max(); // each block's own smallest time becomes the later ones'
+        for (auto block = census.blocks.rbegin(); block != census.blocks.rend(); ++block) {
+            const long own = block->minAfter;
+            block->minAfter = later;
+            later = std::min(later, own);
+        }
+        census.pixelCount = 1000;
+        return census;
+    };
+    struct Case {
+        const char* name;
+        long lag;
+        bool reversed;
+        std::uint64_t hitsPerPart;
+        std::size_t parts;
+    };
+    const Case cases[] = {
+        {"ordered, a part per block", 0, false, 1, 100},
+        {"ordered, parts of 20 blocks", 0, false, 200, 5},
+        {"ordered, one part holds it all", 0, false, 1000, 1},
+        {"lag of 3 blocks, a part per block: all decoded 4 times", 300, false, 1, 1},
+        {"lag of 3 blocks, parts of 20 blocks", 300, false, 200, 5},
+        {"reversed", 0, true, 1, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const Tpx3Census census = censusOf(c.lag, c.reversed);
+        const auto parts = plan_parts(census, c.hitsPerPart);
+        ASSERT_EQ(parts.size(), c.parts);
+        EXPECT_FALSE(parts[0].start);
+        for (std::size_t p = 1; p < parts.size(); ++p) {
+            // Growing starts, the first block that reaches the start, and the latest time before that block.
+            const long start = *parts[p].start;
+            if (p > 1) {
+                EXPECT_GT(start, *parts[p - 1].start);
+            }
+            const std::size_t firstBlock = parts[p].firstBlock;
+            EXPECT_GE(census.blocks[firstBlock].latestAfter, start);
+            EXPECT_LT(census.blocks[firstBlock].latestBefore, start);
+            EXPECT_EQ(parts[p].latestBefore, census.blocks[firstBlock].latestBefore);
+        }
+    }
 }
 
 TEST(Tpx3HitSource, RefusesAFileThatChangedSinceItsCensus) {

@@ -50,15 +50,14 @@ public:
 
 private:
     [[gnu::noinline]] bool reach(std::size_t position) {
-        if (!sequence.has(position)) {
-            return false;
-        }
+        // The sequence may move what it holds even when it has nothing more, so the view is taken anew either way.
+        const bool found = sequence.has(position);
         marks.erase(marks.begin(), marks.begin() + static_cast<std::ptrdiff_t>(keepFrom - firstPosition));
-        first = &sequence[keepFrom];
-        firstPosition = keepFrom;
         end = sequence.readableEnd();
+        first = keepFrom < end ? &sequence[keepFrom] : nullptr;
+        firstPosition = keepFrom;
         marks.resize(end - firstPosition, free);
-        return true;
+        return found;
     }
 
     Sequence& sequence;

@@ -27,6 +27,8 @@ struct Tpx3Block {
     /// The largest repaired pixel time before the block (`noTime_ticks` before the first activation): the
     /// rollover repair of the block's activations starts from it.
     long latestBefore;
+    /// The largest repaired pixel time up to the end of the block.
+    long latestAfter;
     /// The smallest repaired pixel time of all later blocks (the largest long when there are none): no
     /// activation decoded after this block is earlier.
     long minAfter;
@@ -111,27 +113,27 @@ template <bool useGlobalTime, typename Walk, typename Read>
     // Sets the block's own smallest time (kept in minAfter until the pass is over) and moves the running
     // maximum on past it.
     const auto finish = [&](Tpx3Block& last) {
-        if (block.pixels == 0) {
-            return;
+        if (block.pixels > 0) {
+            const long top = latest == noTime_ticks ? block.latest : std::max(latest, block.latest);
+            if (wrapping_sub(top, block.earliest) <= rolloverThreshold_ticks) {
+                last.minAfter = block.earliest;
+                latest = top;
+            } else {
+                words.resize(static_cast<std::size_t>(last.endWord - last.firstWord));
+                read(last.firstWord, words.size(), words.data());
+                for_eachPixel_repaired(
+                    words.data(), words.size(), timeScale, latest,
+                    [&](const tpx3::PixelFields&, long time) { last.minAfter = std::min(last.minAfter, time); });
+            }
         }
-        const long top = latest == noTime_ticks ? block.latest : std::max(latest, block.latest);
-        if (wrapping_sub(top, block.earliest) <= rolloverThreshold_ticks) {
-            last.minAfter = block.earliest;
-            latest = top;
-            return;
-        }
-        words.resize(static_cast<std::size_t>(last.endWord - last.firstWord));
-        read(last.firstWord, words.size(), words.data());
-        for_eachPixel_repaired(words.data(), words.size(), timeScale, latest, [&](const tpx3::PixelFields&, long time) {
-            last.minAfter = std::min(last.minAfter, time);
-        });
+        last.latestAfter = latest;
     };
     walk([&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t header) {
         if (census.blocks.empty() || header - census.blocks.back().firstWord >= blockWords) {
             if (!census.blocks.empty()) {
                 finish(census.blocks.back());
             }
-            census.blocks.push_back({header, header, 0, latest, std::numeric_limits<long>::max()});
+            census.blocks.push_back({header, header, 0, latest, latest, std::numeric_limits<long>::max()});
             block = PacketSummary{};
         }
         const PacketSummary chunk = timeScale.summarize(first, static_cast<std::size_t>(last - first));

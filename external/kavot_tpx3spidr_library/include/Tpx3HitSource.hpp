@@ -27,13 +27,14 @@ template <bool useGlobalTime>
 class Tpx3HitSource {
 public:
     /// `census` must come from `census_tpx3<useGlobalTime>` over the same file. Without a folder, everything
-    /// waits in memory.
+    /// waits in memory. From `firstBlock` on, the sequence is the time order of those blocks' activations.
     Tpx3HitSource(const Tpx3InputFile& file_,
                   const Tpx3Census& census_,
                   const std::string& spillFolder = "",
-                  std::size_t memoryLimit_hits = std::size_t{1} << 21)
+                  std::size_t memoryLimit_hits = std::size_t{1} << 21,
+                  std::size_t firstBlock = 0)
         : file(file_), census(census_), timeScale(census_.reference_ticks),
-          merge(spillFolder.empty() ? HitMerge() : HitMerge(spillFolder, memoryLimit_hits)) {}
+          merge(spillFolder.empty() ? HitMerge() : HitMerge(spillFolder, memoryLimit_hits)), nextBlock(firstBlock) {}
 
     [[nodiscard]] bool has(std::size_t position) {
         while (position >= base + released.size()) {
@@ -102,11 +103,11 @@ private:
     const Tpx3InputFile& file;
     const Tpx3Census& census;
     Tpx3TimeScale<useGlobalTime> timeScale;
-    std::size_t nextBlock = 0;
+    HitMerge merge;
+    std::size_t nextBlock;
     long bound = std::numeric_limits<long>::min(); ///< nothing later is certain yet
     std::vector<std::uint64_t> words;              ///< the block being decoded
-    HitMerge merge;
-    std::vector<PixelActivation> released; ///< positions from `base` on
+    std::vector<PixelActivation> released;         ///< positions from `base` on
     std::size_t base = 0;
     std::size_t discardPoint = 0;
 };

@@ -24,13 +24,19 @@ namespace detail {
 // The summary of `count` packet words (no chunk headers), pixel times as `decode_pixel` and the time extension
 // make them. Written without branches, with masks, so that the compiler turns the loop into vector code; it is
 // compiled twice, for the baseline instruction set and for AVX2, and the processor's is chosen when the program
-// starts. `extendAroundReference` false: the raw times, which may be negative by the column correction.
-[[gnu::target_clones("avx2", "default")]] inline PacketSummary summarize_packets(const std::uint64_t* words,
-                                                                                 std::size_t count,
-                                                                                 bool extendAroundReference,
-                                                                                 std::uint64_t limit,
-                                                                                 std::uint64_t baseAtOrAbove,
-                                                                                 std::uint64_t baseBelow) noexcept {
+// starts (not under ThreadSanitizer, whose checks in the chooser would run before it is set up).
+// `extendAroundReference` false: the raw times, which may be negative by the column correction.
+#if defined(__SANITIZE_THREAD__)
+#define KAVOT_PACKET_CLONES
+#else
+#define KAVOT_PACKET_CLONES [[gnu::target_clones("avx2", "default")]]
+#endif
+KAVOT_PACKET_CLONES inline PacketSummary summarize_packets(const std::uint64_t* words,
+                                                           std::size_t count,
+                                                           bool extendAroundReference,
+                                                           std::uint64_t limit,
+                                                           std::uint64_t baseAtOrAbove,
+                                                           std::uint64_t baseBelow) noexcept {
     long earliest = std::numeric_limits<long>::max();
     long latest = std::numeric_limits<long>::min();
     std::uint64_t pixels = 0;

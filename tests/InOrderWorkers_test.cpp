@@ -1,0 +1,90 @@
+// Tasks run side by side, their items consumed in task order; failures end the run in that order too.
+
+#include <random>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "InOrderWorkers.hpp"
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+
+namespace {
+
+/// Task t's items: t * 100000 + i for i below its size, which is 0 for every fifth task.
+std::size_t sizeOf(std::size_t task) {
+    return task % 5 == 0 ? 0 : (task * 7919) % 30000;
+}
+
+} // namespace
+
+TEST(InOrderWorkers, GiveEveryItemInTaskOrderWhateverTheTiming) {
+    std::vector<long> expected;
+    for (std::size_t task = 0; task < 60; ++task) {
+        for (std::size_t i = 0; i < sizeOf(task); ++i) {
+            expected.push_back(static_cast<long>(task * 100000 + i));
+        }
+    }
+    // With the least that may be held (a batch per task), the larger tasks wait for the consumer.
+    for (const std::size_t held : {std::size_t{1}, std::size_t{1} << 21}) {
+        for (const unsigned workers : {1U, 2U, 7U}) {
+            SCOPED_TRACE(testing::Message() << workers << " workers, " << held << " held");
+            std::vector<long> consumed;
+            kavot::run_inOrder<long>(
+                60, workers,
+                [](std::size_t task, kavot::TaskOutput<long>& output) {
+                    std::minstd_rand random(static_cast<unsigned>(task));
+                    for (std::size_t i = 0; i < sizeOf(task); ++i) {
+                        if (random() % 2000 == 0) {
+                            std::this_thread::yield();
+                        }
+                        output.push(static_cast<long>(task * 100000 + i));
+                    }
+                },
+                [&](long item) { consumed.push_back(item); }, held);
+            ASSERT_EQ(consumed, expected);
+        }
+    }
+}
+
+TEST(InOrderWorkers, EndAtTheFirstFailureInTaskOrderAfterTheItemsBeforeIt) {
+    // Task 7 fails after 4999 items, task 9 at once; the tasks after 7 would never end unless cancelled, some
+    // pushing items, some only checking.
+    const auto produce = [](std::size_t task, kavot::TaskOutput<long>& output) {
+        if (task == 9) {
+            throw std::runtime_error("nine");
+        }
+        for (long i = 0; task > 7 || i < 5000; ++i) {
+            if (task == 7 && i == 4999) {
+                throw std::runtime_error("seven");
+            }
+            if (task % 2 == 0) {
+                output.push(i);
+            } else {
+                output.checkpoint();
+            }
+        }
+    };
+    for (const unsigned workers : {1U, 2U, 7U}) {
+        SCOPED_TRACE(workers);
+        std::size_t consumed = 0;
+        EXPECT_THAT([&] { kavot::run_inOrder<long>(20, workers, produce, [&](long) { ++consumed; }); },
+                    ThrowsMessage<std::runtime_error>(StrEq("seven")));
+        // Tasks 0, 2, 4 and 6 push 5000 items each; task 7 only checks.
+        EXPECT_EQ(consumed, 4U * 5000);
+    }
+    // A failing consumer stops the workers as well.
+    EXPECT_THAT(
+        [&] {
+            kavot::run_inOrder<long>(20, 3, produce, [](long item) {
+                if (item == 100) {
+                    throw std::invalid_argument("consumer");
+                }
+            });
+        },
+        ThrowsMessage<std::invalid_argument>(StrEq("consumer")));
+}
