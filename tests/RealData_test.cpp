@@ -1,5 +1,5 @@
-// Real recordings: decoded in both time modes, checked against an independent count of their packets, and
-// streamed in the data set's order.
+// Real recordings: decoded in both time modes, checked against an independent count of their packets,
+// streamed in the data set's order, and clustered in parts as on one thread.
 // Skipped with a message when the folder of recordings is not there.
 
 #include <filesystem>
@@ -9,7 +9,9 @@
 #include <gtest/gtest.h>
 
 #include "Data_Tpx3Spidr.hpp"
+#include "Reconstruction_switch.hpp"
 #include "TestSupport.hpp"
+#include "Tpx3Parts.hpp"
 
 using namespace kavot_tpx3spidr;
 
@@ -74,6 +76,19 @@ void checkDecoded(const std::filesystem::path& file, const Counts& counts) {
         source.discardBefore(k);
     }
     EXPECT_EQ(k, data.size());
+    // Clustered in parts of a block each on three threads: the photons of the whole, for every algorithm.
+    const ReconstructionParameters_PhotonEvents p{2.0, Time(64), 2, 200, 1.0, 5000.0, false};
+    for (const Algorithm algorithm :
+         {Algorithm::fullChain_direct, Algorithm::checkNextOnly, Algorithm::forwardChain_pixelBuildup}) {
+        DataSetSequence whole(data);
+        VectorPhotonSink expected;
+        reconstruct_photonEvents_into(algorithm, whole, p, expected);
+        VectorPhotonSink inParts;
+        cluster_inParts<useGlobalTime>(
+            input, census, plan_parts(census, 1), p.dTime.get_value(), 3, "", 1 << 21,
+            [&](auto& sequence, auto& sink) { reconstruct_photonEvents_into(algorithm, sequence, p, sink); }, inParts);
+        EXPECT_EQ(inParts.photons, expected.photons) << static_cast<int>(algorithm);
+    }
 }
 
 } // namespace
