@@ -51,8 +51,9 @@ kavot_case(SummaryWithTriggers 0 ARGS summary sample.kavotphot
 kavot_case(SummaryWithoutTriggers 0 ARGS summary notrig.kavotphot OUT "\ntriggers: none recorded\n")
 kavot_case(CsvTriggers 0 ARGS csv sample.kavotphot --triggers OUT "^toa_s,toa_ticks\n[0-9]\\.[0-9]+,[0-9]+\n")
 kavot_case(CsvTriggersOfAFileWithout 1 ARGS csv --triggers notrig.kavotphot ERR "holds no trigger times")
-kavot_case(ExportOfARecordingIsNotThereYet 1 ARGS export sample.tpx3 recording.h5 ABSENT "recording.h5*"
-    ERR "^kavot: exporting .tpx3 recordings is not available yet\n$")
+kavot_case(ExportOfARecordingWithoutGlobalTimeIsRefused 1 ARGS export twochips.tpx3 twochips.h5
+    ABSENT "twochips.h5*" ERR "^kavot: Supplied file does not contain a global timestamp!\n$")
+kavot_case(ExportOfARecordingOnThePixelClock 0 ARGS export twochips.tpx3 pixelclock.h5 --globalTime_ignore)
 kavot_case(ExportOfABrokenFileLeavesNothing 1 ARGS export recording.kavotphot broken.h5 ABSENT "broken.h5*"
     ERR "^kavot: Block size is indicated as [0-9]+ but only [0-9]+ bytes are left in the file!\n$")
 kavot_case(ImageTiffRefusesBinning 1 ARGS image sample.raw binned.tiff 2 ABSENT "binned.tiff*" ERR "BIN must be 1")

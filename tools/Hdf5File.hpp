@@ -79,6 +79,11 @@ struct Hdf5Type<double> {
     static hid_t memory() { return H5T_NATIVE_DOUBLE; }
 };
 template <>
+struct Hdf5Type<std::uint16_t> {
+    static hid_t stored() { return H5T_STD_U16LE; }
+    static hid_t memory() { return H5T_NATIVE_UINT16; }
+};
+template <>
 struct Hdf5Type<std::int64_t> {
     static hid_t stored() { return H5T_STD_I64LE; }
     static hid_t memory() { return H5T_NATIVE_INT64; }

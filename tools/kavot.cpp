@@ -21,7 +21,7 @@ const char* const usage = "Usage: kavot COMMAND ARGUMENTS...\n"
                           "  kavot info FILE.tpx3 [--json]                  inspect a recording before converting it\n"
                           "  kavot summary FILE.kavotphot                   photon and trigger counts and ranges\n"
                           "  kavot csv FILE.kavotphot [--triggers]          photons (or trigger times) as CSV\n"
-                          "  kavot export FILE.kavotphot OUT.h5             photons and triggers as HDF5\n"
+                          "  kavot export FILE.kavotphot|FILE.tpx3 OUT.h5   photons, or a recording's hits, as HDF5\n"
                           "  kavot image INPUT OUT.png|OUT.tiff [BIN]       photon counts as a picture or a TIFF\n"
                           "  kavot --version                                the program's version\n"
                           "\n"
@@ -30,7 +30,7 @@ const char* const usage = "Usage: kavot COMMAND ARGUMENTS...\n"
 
 const Command commands[] = {
     {"info", help_info, {"json"}, 1, 1, run_info},  {"summary", help_summary, {}, 1, 1, run_summary},
-    {"csv", help_csv, {"triggers"}, 1, 1, run_csv}, {"export", help_export, {}, 2, 2, run_export},
+    {"csv", help_csv, {"triggers"}, 1, 1, run_csv}, {"export", help_export, {"globalTime_ignore"}, 2, 2, run_export},
     {"image", help_image, {}, 2, 3, run_image},
 };
 

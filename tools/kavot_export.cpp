@@ -1,4 +1,5 @@
-// kavot export: a photon file (or, later, a recording) as an HDF5 file that numpy and h5py read directly.
+// kavot export: a photon file, or the decoded hits of a recording, as an HDF5 file that numpy and h5py read
+// directly.
 
 #include <cstdint>
 #include <filesystem>
@@ -9,21 +10,31 @@
 #include "KavotCommand.hpp"
 #include "OutputFile.hpp"
 #include "PhotonEvents.hpp"
+#include "Tpx3HitSource.hpp"
 
 namespace kavot_tool {
 
 const char* const help_export =
-    "Usage: kavot export FILE.kavotphot OUT.h5\n"
+    "Usage: kavot export FILE.kavotphot|FILE.tpx3 OUT.h5 [--globalTime_ignore]\n"
     "\n"
-    "Writes the photons (and the trigger times, when the file holds them) to an HDF5 file:\n"
+    "From a photon file, writes the photons (and the trigger times, when the file holds them):\n"
     "  /photons/x, /photons/y   float64, pixels (the stored fixed-point value / 65536)\n"
     "  /photons/toa             int64, time of arrival in ticks of 1.5625 ns, exact\n"
     "  /triggers/toa            int64 ticks; only when the file was converted with -T\n"
-    "Each dataset carries the attribute \"units\" (\"px\" or \"ticks\"); the time datasets also \"tick_s\"\n"
-    "(1.5625e-9). The file carries \"program\", \"program_version\" and \"source_file\" (the input's name).\n"
-    "Datasets are chunked and deflate-compressed; the photons are read and written a batch at a time, so\n"
-    "memory does not grow with the file. OUT.h5 appears complete or not at all: it is written under a\n"
-    "temporary name beside it and renamed at the end. In Python:\n"
+    "From a recording, writes its decoded pixel hits in the time order vundrel clusters them in, and the\n"
+    "times of its TDC1 triggers (rising edges):\n"
+    "  /hits/x, /hits/y         uint16, pixel column and row\n"
+    "  /hits/toa                int64 ticks, after the first global timestamp (as vundrel counts time)\n"
+    "  /hits/tot                uint16, time over threshold in units of 25 ns\n"
+    "  /triggers/toa            int64 ticks\n"
+    "--globalTime_ignore uses the pixels' own clock, as vundrel's option of that name does (needed for a\n"
+    "recording without a global timestamp).\n"
+    "Each dataset carries the attribute \"units\" (\"px\", \"ticks\" or \"25ns\"); the time datasets also\n"
+    "\"tick_s\" (1.5625e-9). The file carries \"program\", \"program_version\" and \"source_file\" (the\n"
+    "input's name). Datasets are chunked and deflate-compressed, and written a batch at a time: memory does\n"
+    "not grow with the input (hits far out of time order wait in temporary files beside OUT.h5). OUT.h5\n"
+    "appears complete or not at all: it is written under a temporary name beside it and renamed at the end.\n"
+    "In Python:\n"
     "  h5py.File(\"OUT.h5\")[\"photons/x\"][:]\n";
 
 namespace {
@@ -34,45 +45,57 @@ using kavot_tpx3spidr::Time;
 
 constexpr std::size_t batch_values = 65536;
 
-void write_timeAttributes(hid_t dataset) {
-    write_attribute(dataset, "units", std::string("ticks"));
-    write_attribute(dataset, "tick_s", Time::tick_seconds);
+void write_provenance(const Hdf5File& file, const std::string& input) {
+    write_attribute(file.get(), "program", std::string("kavot"));
+    write_attribute(file.get(), "program_version", std::string(KAVOT_VERSION));
+    write_attribute(file.get(), "source_file", std::filesystem::path(input).filename().string());
 }
+
+/// A column of values collected a batch at a time.
+template <typename T>
+struct BatchedColumn {
+    BatchedColumn(hid_t parent, const std::string& name, hsize_t length, const std::string& units)
+        : column(parent, name, length) {
+        write_attribute(column.get(), "units", units);
+        if (units == "ticks") {
+            write_attribute(column.get(), "tick_s", Time::tick_seconds);
+        }
+        values.reserve(batch_values);
+    }
+    void push(T value) {
+        values.push_back(value);
+        if (values.size() == batch_values) {
+            flush();
+        }
+    }
+    void flush() {
+        column.append(values.data(), values.size());
+        values.clear();
+    }
+    void close() {
+        flush();
+        column.close();
+    }
+
+    Hdf5Column<T> column;
+    std::vector<T> values;
+};
 
 void export_photons(const std::string& input, const std::string& output) {
     PhotonFile::Reader reader(input);
     OutputFile target(output);
     Hdf5File file(target.writingPath());
-    write_attribute(file.get(), "program", std::string("kavot"));
-    write_attribute(file.get(), "program_version", std::string(KAVOT_VERSION));
-    write_attribute(file.get(), "source_file", std::filesystem::path(input).filename().string());
+    write_provenance(file, input);
     {
         Hdf5Id group = file.create_group("photons");
-        Hdf5Column<double> x(group.get(), "x", reader.photonCount());
-        Hdf5Column<double> y(group.get(), "y", reader.photonCount());
-        Hdf5Column<std::int64_t> toa(group.get(), "toa", reader.photonCount());
-        write_attribute(x.get(), "units", std::string("px"));
-        write_attribute(y.get(), "units", std::string("px"));
-        write_timeAttributes(toa.get());
-        std::vector<double> xs, ys;
-        std::vector<std::int64_t> toas;
-        const auto flush = [&] {
-            x.append(xs.data(), xs.size());
-            y.append(ys.data(), ys.size());
-            toa.append(toas.data(), toas.size());
-            xs.clear();
-            ys.clear();
-            toas.clear();
-        };
+        BatchedColumn<double> x(group.get(), "x", reader.photonCount(), "px");
+        BatchedColumn<double> y(group.get(), "y", reader.photonCount(), "px");
+        BatchedColumn<std::int64_t> toa(group.get(), "toa", reader.photonCount(), "ticks");
         reader.for_eachPhoton([&](const PhotonEvent_type& photon) {
-            xs.push_back(photon.x.get_px());
-            ys.push_back(photon.y.get_px());
-            toas.push_back(photon.toa.get_value());
-            if (toas.size() == batch_values) {
-                flush();
-            }
+            x.push(photon.x.get_px());
+            y.push(photon.y.get_px());
+            toa.push(photon.toa.get_value());
         });
-        flush();
         x.close();
         y.close();
         toa.close();
@@ -80,17 +103,8 @@ void export_photons(const std::string& input, const std::string& output) {
     }
     if (const auto triggers = reader.triggerCount()) {
         Hdf5Id group = file.create_group("triggers");
-        Hdf5Column<std::int64_t> toa(group.get(), "toa", *triggers);
-        write_timeAttributes(toa.get());
-        std::vector<std::int64_t> toas;
-        reader.for_eachTrigger([&](Time trigger) {
-            toas.push_back(trigger.get_value());
-            if (toas.size() == batch_values) {
-                toa.append(toas.data(), toas.size());
-                toas.clear();
-            }
-        });
-        toa.append(toas.data(), toas.size());
+        BatchedColumn<std::int64_t> toa(group.get(), "toa", *triggers, "ticks");
+        reader.for_eachTrigger([&](Time trigger) { toa.push(trigger.get_value()); });
         toa.close();
         group.close_checked("close group triggers");
     }
@@ -98,10 +112,50 @@ void export_photons(const std::string& input, const std::string& output) {
     target.commit();
 }
 
-/// The hits of a recording in time order. This needs the streaming decoder; until it is there, a recording
-/// is refused here, and only here.
-void export_recording(const std::string&, const std::string&) {
-    throw std::invalid_argument("exporting .tpx3 recordings is not available yet");
+/// Hits that wait in memory for their place in the time order, as in vundrel's run; the rest waits in
+/// temporary files beside the output.
+constexpr std::size_t waitingHits_limit = std::size_t{1} << 21;
+
+/// The hits of a recording in the time order of vundrel's run: the same census and the same hit source.
+template <bool useGlobalTime>
+void export_hits(const std::string& input, const std::string& output) {
+    const kavot_tpx3spidr::Tpx3InputFile recording(input);
+    const std::string spillFolder = std::filesystem::absolute(output).parent_path().string();
+    const kavot_tpx3spidr::Tpx3Census census = kavot_tpx3spidr::census_tpx3<useGlobalTime>(recording, spillFolder);
+    OutputFile target(output);
+    Hdf5File file(target.writingPath());
+    write_provenance(file, input);
+    {
+        Hdf5Id group = file.create_group("hits");
+        BatchedColumn<std::uint16_t> x(group.get(), "x", census.pixelCount, "px");
+        BatchedColumn<std::uint16_t> y(group.get(), "y", census.pixelCount, "px");
+        BatchedColumn<std::int64_t> toa(group.get(), "toa", census.pixelCount, "ticks");
+        BatchedColumn<std::uint16_t> tot(group.get(), "tot", census.pixelCount, "25ns");
+        kavot_tpx3spidr::Tpx3HitSource<useGlobalTime> hits(recording, census, spillFolder, waitingHits_limit);
+        for (std::size_t k = 0; hits.has(k); ++k) {
+            const auto& hit = hits[k];
+            x.push(static_cast<std::uint16_t>(hit.get_x_px()));
+            y.push(static_cast<std::uint16_t>(hit.get_y_px()));
+            toa.push(hit.get_toa().get_value());
+            tot.push(hit.get_tot());
+            hits.discardBefore(k + 1);
+        }
+        recording.check_unchanged();
+        x.close();
+        y.close();
+        toa.close();
+        tot.close();
+        group.close_checked("close group hits");
+    }
+    {
+        Hdf5Id group = file.create_group("triggers");
+        BatchedColumn<std::int64_t> toa(group.get(), "toa", census.tdcTriggers.size(), "ticks");
+        census.tdcTriggers.for_each([&](Time trigger) { toa.push(trigger.get_value()); });
+        toa.close();
+        group.close_checked("close group triggers");
+    }
+    file.close();
+    target.commit();
 }
 
 } // namespace
@@ -112,7 +166,11 @@ int run_export(const Arguments& arguments) {
     if (has_suffix(input, ".kavotphot")) {
         export_photons(input, output);
     } else if (has_suffix(input, ".tpx3")) {
-        export_recording(input, output);
+        if (arguments.has("globalTime_ignore")) {
+            export_hits<false>(input, output);
+        } else {
+            export_hits<true>(input, output);
+        }
     } else {
         throw std::invalid_argument("\"" + input + "\" is neither a .kavotphot photon file nor a .tpx3 recording!");
     }

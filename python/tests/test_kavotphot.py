@@ -60,6 +60,32 @@ def test_hdf5_export_holds_the_photons_exactly(converted):
         assert (f.attrs["program_version"], f.attrs["source_file"]) == ("1.0.0", "sample.kavotphot")
 
 
+def pixel_words(path):
+    """The pixel packets of a recording, chunk by chunk (header: "TPX3", chip, mode, 16-bit size)."""
+    data, words, at = open(path, "rb").read(), [], 0
+    while at < len(data):
+        size = struct.unpack_from("<H", data, at + 6)[0]
+        words.append(np.frombuffer(data, "<u8", size // 8, at + 8))
+        at += 8 + size
+    words = np.concatenate(words)
+    return words[words >> np.uint64(60) == 0xB]
+
+
+def test_hdf5_export_of_a_recording_holds_every_hit_in_time_order(converted):
+    run("KAVOT", "export", converted / "s.tpx3", converted / "s.h5")
+    w = pixel_words(converted / "s.tpx3")
+    field = lambda shift, mask: ((w >> np.uint64(shift)) & np.uint64(mask)).astype(np.int64)
+    pix = field(44, 0x7)
+    expected = np.stack([field(52, 0xFE) + pix // 4, field(45, 0xFC) + (pix & 3), field(20, 0x3FF)])
+    with h5py.File(converted / "s.h5") as f:
+        hits = np.stack([f["hits"][name][:].astype(np.int64) for name in ("x", "y", "tot")])
+        assert (np.diff(f["hits/toa"][:]) >= 0).all() and f["hits/toa"].attrs["units"] == "ticks"
+        # The triggers are those vundrel keeps with -T.
+        assert (f["triggers/toa"][:] == kavotphot.read_triggers(converted / "sample.kavotphot")).all()
+    assert len(w) == 20000 and hits.shape == expected.shape
+    assert (hits[:, np.lexsort(hits)] == expected[:, np.lexsort(expected)]).all()  # the same hits, every one
+
+
 def test_tiff_is_a_32_bit_count_image(converted):
     run("KAVOT", "image", converted / "s.raw", converted / "s.tiff")
     data = (converted / "s.tiff").read_bytes()
