@@ -11,12 +11,14 @@
 #include <vector>
 
 #include <sched.h>
+#include <unistd.h>
 
 #include "Data_Tpx3Spidr.hpp"
 #include "Image_2D_Photons.hpp"
 #include "Logging.hpp"
 #include "Parameters.hpp"
 #include "PhotonFileWriter.hpp"
+#include "ProgressLine.hpp"
 #include "Reconstruction_switch.hpp"
 #include "ReplacingFile.hpp"
 #include "Tpx3Parts.hpp"
@@ -34,11 +36,16 @@ std::string secondsSince(std::time_t start) {
     return std::to_string(std::time(nullptr) - start);
 }
 
-/// Every photon of the run goes to the photon file and the image as it is found.
+/// Every photon of the run goes to the photon file and the image as it is found, and tells the progress line
+/// (if any) how far the run has come.
 struct PhotonSink {
     PhotonFileWriter* file = nullptr;
     Image_2D_Photons* image = nullptr;
+    ProgressLine* progress = nullptr;
     std::size_t photons = 0;
+
+    /// Photons between two looks at the clock for the progress line.
+    static constexpr std::size_t progress_stride = 4096;
 
     void push(const PhotonEvent_type& photon) {
         if (image != nullptr) {
@@ -48,6 +55,9 @@ struct PhotonSink {
             file->push(photon);
         }
         ++photons;
+        if (progress != nullptr && photons % progress_stride == 0) [[unlikely]] {
+            progress->photonAt(photon.toa.get_value(), ProgressLine::Clock::now());
+        }
     }
 };
 
@@ -147,7 +157,14 @@ void run_processingSequence(const Parameters& parameters,
     if (parameters.photImgPath) {
         image.emplace(Image_2D_Photons::run_resolution);
     }
-    PhotonSink sink{output.writer ? &*output.writer : nullptr, image ? &*image : nullptr, 0};
+    // Only a terminal shows the progress line; it is gone before the next log line (also when the clustering
+    // fails: it ends with this scope's unwinding, before the error is logged).
+    std::optional<ProgressLine> progress;
+    if (isatty(STDERR_FILENO) == 1) {
+        progress.emplace(STDERR_FILENO, census, ProgressLine::Clock::now());
+    }
+    PhotonSink sink{output.writer ? &*output.writer : nullptr, image ? &*image : nullptr,
+                    progress ? &*progress : nullptr, 0};
     const unsigned workers = usableCpus();
     const std::vector<Tpx3Part> parts = workers > 1 ? plan_parts(census, partSize_hits(census))
                                                     : std::vector<Tpx3Part>{{std::nullopt, 0, noTime_ticks}};
@@ -157,6 +174,7 @@ void run_processingSequence(const Parameters& parameters,
             reconstruct_photonEvents_into(algorithm, sequence, reconstruction, photons);
         },
         sink);
+    progress.reset();
     input.check_unchanged();
     if (output.writer && reconstruction.TDC1) {
         output.writer->write_triggers(census.tdcTriggers);
