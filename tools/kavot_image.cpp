@@ -30,7 +30,10 @@ const char* const help_image =
 
 namespace {
 
-constexpr std::size_t side_bins = 2048;
+/// The side of vundrel's image, in bins of `Image_2D_Photons::run_resolution`.
+constexpr auto side_bins = static_cast<std::size_t>(Image_2D_Photons::detectorWidth_raw /
+                                                    static_cast<double>(Image_2D_Photons::run_resolution.get_value()));
+static_assert(side_bins == 2048, "the help text and the TIFF promise 2048 x 2048");
 
 /// The counts of a raw count image, checked to be exactly that.
 std::vector<std::uint32_t> read_rawCounts(const std::string& path) {
@@ -48,7 +51,7 @@ std::vector<std::uint32_t> read_rawCounts(const std::string& path) {
 }
 
 std::vector<std::uint32_t> count_photons(const std::string& path) {
-    Image_2D_Photons image(kavot_tpx3spidr::Length(8192));
+    Image_2D_Photons image(Image_2D_Photons::run_resolution);
     kavot_tpx3spidr::PhotonFile::Reader reader(path);
     reader.for_eachPhoton(
         [&](const kavot_tpx3spidr::PhotonEvent_type& photon) { image.add_photonEvent<true>(photon); });
