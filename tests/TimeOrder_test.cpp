@@ -275,7 +275,7 @@ TEST(Tpx3Parts, PlanCutsAtBlocksUnlessTheOrderIsFarFromTheFiles) {
         {"ordered, a part per block", 0, false, 1, 100},
         {"ordered, parts of 20 blocks", 0, false, 200, 5},
         {"ordered, one part holds it all", 0, false, 1000, 1},
-        {"lag of 3 blocks, a part per block: all decoded 4 times", 300, false, 1, 1},
+        {"lag of 3 blocks, a part per block would decode all 4 times: parts grow to 13 blocks", 300, false, 1, 8},
         {"lag of 3 blocks, parts of 20 blocks", 300, false, 200, 5},
         {"reversed", 0, true, 1, 1},
     };

@@ -52,14 +52,12 @@ struct Tpx3Part {
     return std::max<std::uint64_t>(std::uint64_t{1} << 20, 8 * perBlock);
 }
 
-/// Parts of about `hitsPerPart` activations each, as the census's blocks allow: part boundaries at blocks, with
-/// the smallest time of the blocks from the boundary on as the nominal start.
-///
-/// A part decodes its blocks from the first one that can hold activations at its start up to the one after
-/// which the next part's start is certain. Where the time order is far from the file's order (a recording in
-/// reverse time order, a readout lag of many blocks), these ranges overlap so much that the parts would decode
-/// the recording several times over: then the recording is one part.
-[[nodiscard]] inline std::vector<Tpx3Part> plan_parts(const Tpx3Census& census, std::uint64_t hitsPerPart) {
+namespace detail {
+
+/// Parts of `hitsPerPart` activations each (see `plan_parts`), or none where they would decode the recording
+/// more than about one and a quarter times.
+[[nodiscard]] inline std::optional<std::vector<Tpx3Part>> plan_partsOf(const Tpx3Census& census,
+                                                                       std::uint64_t hitsPerPart) {
     const std::vector<Tpx3Block>& blocks = census.blocks;
     std::vector<Tpx3Part> parts{{std::nullopt, 0, noTime_ticks}};
     std::uint64_t inPart = 0;
@@ -94,9 +92,28 @@ struct Tpx3Part {
         decoded += last + 1 - std::min(last + 1, parts[p].firstBlock);
     }
     if (decoded > blocks.size() + blocks.size() / 4 + 2 * parts.size()) {
-        parts.resize(1);
+        return std::nullopt;
     }
     return parts;
+}
+
+} // namespace detail
+
+/// Parts of about `hitsPerPart` activations each, as the census's blocks allow: part boundaries at blocks, with
+/// the smallest time of the blocks from the boundary on as the nominal start.
+///
+/// A part decodes its blocks from the first one that can hold activations at its start up to the one after
+/// which the next part's start is certain. Where the time order is far from the file's order (a readout lag
+/// of many blocks), these ranges overlap so much that the parts would decode the recording several times over:
+/// then the parts are made larger (a lag of a few blocks overlaps little with parts of many), and where even
+/// two halves would overlap that much (a recording in reverse time order), the recording is one part.
+[[nodiscard]] inline std::vector<Tpx3Part> plan_parts(const Tpx3Census& census, std::uint64_t hitsPerPart) {
+    for (std::uint64_t size = std::max<std::uint64_t>(hitsPerPart, 1);; size *= 2) {
+        std::optional<std::vector<Tpx3Part>> parts = detail::plan_partsOf(census, size);
+        if (parts || size >= census.pixelCount) {
+            return parts ? std::move(*parts) : std::vector<Tpx3Part>{{std::nullopt, 0, noTime_ticks}};
+        }
+    }
 }
 
 /// The activations of one part, read from a sequence of the time order of the part's blocks (see above), as a
