@@ -1,17 +1,9 @@
 // Tasks run side by side, their items consumed in task order; failures end the run in that order too.
 
-#include <random>
 #include <stdexcept>
-#include <thread>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "InOrderWorkers.hpp"
-
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
+#include "TestSupport.hpp"
 
 namespace {
 
@@ -72,19 +64,16 @@ TEST(InOrderWorkers, EndAtTheFirstFailureInTaskOrderAfterTheItemsBeforeIt) {
     for (const unsigned workers : {1U, 2U, 7U}) {
         SCOPED_TRACE(workers);
         std::size_t consumed = 0;
-        EXPECT_THAT([&] { kavot::run_inOrder<long>(20, workers, produce, [&](long) { ++consumed; }); },
-                    ThrowsMessage<std::runtime_error>(StrEq("seven")));
+        EXPECT_THROW_MESSAGE(kavot::run_inOrder<long>(20, workers, produce, [&](long) { ++consumed; }),
+                             std::runtime_error, "seven");
         // Tasks 0, 2, 4 and 6 push 5000 items each; task 7 only checks.
         EXPECT_EQ(consumed, 4U * 5000);
     }
     // A failing consumer stops the workers as well.
-    EXPECT_THAT(
-        [&] {
-            kavot::run_inOrder<long>(20, 3, produce, [](long item) {
-                if (item == 100) {
-                    throw std::invalid_argument("consumer");
-                }
-            });
-        },
-        ThrowsMessage<std::invalid_argument>(StrEq("consumer")));
+    const auto failAt100 = [](long item) {
+        if (item == 100) {
+            throw std::invalid_argument("consumer");
+        }
+    };
+    EXPECT_THROW_MESSAGE(kavot::run_inOrder<long>(20, 3, produce, failAt100), std::invalid_argument, "consumer");
 }

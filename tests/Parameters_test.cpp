@@ -1,18 +1,7 @@
 // The settings of a run from the command line and from parameter files.
 
-#include <limits>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "Parameters.hpp"
 #include "TestSupport.hpp"
-
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 
 namespace {
 
@@ -21,118 +10,82 @@ std::int32_t threshold = 4;
 
 /// Builds Parameters from a command line after the program name, split at blanks.
 Parameters parse(const std::string& line) {
-    std::vector<std::string> args{"vundrel"};
+    std::vector<std::string> args;
     std::istringstream words(line);
     for (std::string word; words >> word;) {
         args.push_back(word);
     }
-    std::vector<char*> argv;
-    for (auto& arg : args) {
-        argv.push_back(arg.data());
-    }
-    argv.push_back(nullptr);
     threshold = 4;
-    return Parameters(static_cast<int>(args.size()), argv.data(), threshold);
+    return testsupport::parseCommandLine<Parameters>(args, threshold);
 }
 
-class ParametersTest : public ::testing::Test {
-protected:
-    /// A parameter file holding `text`.
-    std::string json(const std::string& text) {
-        std::string name = std::to_string(++files);
-        name += ".json";
-        const std::string path = dir / name;
-        testsupport::writeFile(path, text);
-        return path;
-    }
-    testsupport::TempDir dir;
-    int files = 0;
-};
+/// The clustering settings of a run, in one line.
+std::string settingsOf(const Parameters& p) {
+    std::ostringstream text;
+    text << "s=" << p.dSpace << " t=" << p.dTime << " k=" << p.nPxMin << " K=" << p.nPxMax << " m=" << p.weightMin
+         << " M=" << p.weightMax << " T=" << p.TDC1 << " " << p.algorithm << " global=" << p.useGlobalTime;
+    return text.str();
+}
+
+/// A parameter file holding `text`.
+std::string json(const std::string& text) {
+    static const testsupport::TempDir dir;
+    static int files = 0;
+    const std::string path = dir / (std::to_string(++files) + ".json");
+    testsupport::writeFile(path, text);
+    return path;
+}
 
 } // namespace
 
-TEST_F(ParametersTest, DefaultsThenOptionsInCommandLineOrder) {
-    const Parameters defaults = parse("");
-    EXPECT_FALSE(defaults.exitEarly || defaults.inputFile || defaults.outputFile || defaults.photImgPath);
-    EXPECT_EQ(defaults.dSpace, 2.0);
-    EXPECT_EQ(defaults.dTime, 1e-7);
-    EXPECT_EQ(defaults.nPxMin, 2u);
-    EXPECT_EQ(defaults.nPxMax, 200u);
-    EXPECT_EQ(defaults.weightMin, 1.0);
-    EXPECT_EQ(defaults.weightMax, 5000.0);
-    EXPECT_FALSE(defaults.TDC1);
-    EXPECT_EQ(defaults.algorithm, "default");
-    EXPECT_TRUE(defaults.useGlobalTime);
-
-    const Parameters p = parse("-i a.tpx3 -i b.tpx3 --outputFile=o.kavotphot --dS 3px -t 1e-6 -k 2.5 -K -1 -m 10 "
-                               "-M 20 -T --photImgPath= --algorithm checkNextOnly --globalTime_ignore --verbose -7 "
-                               "--verb=3");
+TEST(Parameters, OptionsAndParameterFilesInCommandLineOrder) {
+    const Parameters p = parse("-i a.tpx3 -i b.tpx3 --outputFile=o.kavotphot --photImgPath= --verbose -7 --verb=3");
     EXPECT_FALSE(p.exitEarly);
     EXPECT_EQ(p.inputFile, "b.tpx3");
     EXPECT_EQ(p.outputFile, "o.kavotphot");
-    EXPECT_EQ(p.dSpace, 3.0);
-    EXPECT_EQ(p.dTime, 1e-6);
-    EXPECT_EQ(p.nPxMin, 2u);                                        // stoul stops at the first non-digit
-    EXPECT_EQ(p.nPxMax, std::numeric_limits<std::uint64_t>::max()); // and wraps negative input
-    EXPECT_EQ(p.weightMin, 10.0);
-    EXPECT_EQ(p.weightMax, 20.0);
-    EXPECT_TRUE(p.TDC1);
     EXPECT_EQ(p.photImgPath, "");
-    EXPECT_EQ(p.algorithm, "checkNextOnly");
-    EXPECT_FALSE(p.useGlobalTime);
     EXPECT_EQ(threshold, 3);
     // The threshold is set where its option stands, so that a later failure is logged under it.
     EXPECT_THROW(parse("--verbose -2 -k x"), std::invalid_argument);
     EXPECT_EQ(threshold, -2);
-}
 
-TEST_F(ParametersTest, ConversionFailuresCarryTheConversionName) {
-    EXPECT_THAT([] { parse("-s abc"); }, ThrowsMessage<std::invalid_argument>(StrEq("stod")));
-    EXPECT_THAT([] { parse("-m 1e-400"); }, ThrowsMessage<std::out_of_range>(StrEq("stod")));
-    EXPECT_THAT([] { parse("-K 99999999999999999999"); }, ThrowsMessage<std::out_of_range>(StrEq("stoul")));
-    EXPECT_THAT([] { parse("--verbose 4294967296"); }, ThrowsMessage<std::out_of_range>(StrEq("stoi")));
-    EXPECT_THAT([] { parse("first -T second"); },
-                ThrowsMessage<std::invalid_argument>(StrEq("excess argument: first !")));
-}
-
-TEST_F(ParametersTest, ParameterFileIsReadWhereItsOptionStands) {
     const std::string file = json(R"({"vundrel": {"dSpace": 2.5, "dTime": 5e-7, "nPxMin": 3, "nPxMax": 100,
                                       "TDC1": true, "algorithm": "checkNextOnly"}, "other": 1})");
-    const Parameters all = parse("-f " + file);
-    EXPECT_EQ(all.dSpace, 2.5);
-    EXPECT_EQ(all.dTime, 5e-7);
-    EXPECT_EQ(all.nPxMin, 3u);
-    EXPECT_EQ(all.nPxMax, 100u);
-    EXPECT_TRUE(all.TDC1);
-    EXPECT_EQ(all.algorithm, "checkNextOnly");
-
+    const std::string fromFile = "s=2.5 t=5e-07 k=3 K=100 m=1 M=5000 T=1 checkNextOnly global=1";
     const std::string noDSpace = json(R"({"vundrel": {"dspace": 7, "TDC1": false}})");
-    struct Case {
-        std::string line;
-        double dSpace;
+    const std::pair<std::string, std::string> cases[] = {
+        // stoul stops at the first non-digit and wraps negative input.
+        {"--dS 3px -t 1e-6 -k 2.5 -K -1 -m 10 -M 20 -T --algorithm checkNextOnly --globalTime_ignore",
+         "s=3 t=1e-06 k=2 K=18446744073709551615 m=10 M=20 T=1 checkNextOnly global=0"},
+        {"-f " + json(R"({"vundrel": {}})"), "s=2 t=1e-07 k=2 K=200 m=1 M=5000 T=0 default global=1"},
+        {"-f " + file, fromFile},
+        {"-s 9 -f " + file, fromFile},
+        {"-f " + file + " -s 9", "s=9 t=5e-07 k=3 K=100 m=1 M=5000 T=1 checkNextOnly global=1"},
+        // The file can clear what the command line set.
+        {"-s 9 -T --paramsFile " + noDSpace, "s=9 t=1e-07 k=2 K=200 m=1 M=5000 T=0 default global=1"},
+        {"-f " + file + " -f " + json(R"({"vundrel": {"nPxMin": 8}})"),
+         "s=2.5 t=5e-07 k=8 K=100 m=1 M=5000 T=1 checkNextOnly global=1"},
+        {"-f " + json(R"({"vundrel": {"nPxMin": 18446744073709551615}})"),
+         "s=2 t=1e-07 k=18446744073709551615 K=200 m=1 M=5000 T=0 default global=1"},
+        // The first of two equal names counts, at both levels.
+        {"-f " + json(R"({"vundrel": {"nPxMin": 4, "nPxMin": 5}, "vundrel": 1})"),
+         "s=2 t=1e-07 k=4 K=200 m=1 M=5000 T=0 default global=1"},
     };
-    for (const Case& c :
-         {Case{"-s 9 -f " + file, 2.5}, Case{"-f " + file + " -s 9", 9.0}, Case{"-s 9 --paramsFile " + noDSpace, 9.0},
-          Case{"-f " + noDSpace + " -s 9", 9.0}, Case{"-f " + json(R"({"vundrel": {"dSpace": 3}})"), 3.0},
-          Case{"-f " + json(R"({"vundrel": {}})"), 2.0}}) {
-        EXPECT_EQ(parse(c.line).dSpace, c.dSpace) << c.line;
+    for (const auto& [line, expected] : cases) {
+        EXPECT_EQ(settingsOf(parse(line)), expected) << line;
     }
-    EXPECT_FALSE(parse("-T -f " + noDSpace).TDC1) << "the file can clear what the command line set";
-    EXPECT_EQ(parse("-f " + file + " -f " + json(R"({"vundrel": {"nPxMin": 8}})")).nPxMin, 8u);
-    EXPECT_EQ(parse("-f " + json(R"({"vundrel": {"nPxMin": 18446744073709551615}})")).nPxMin,
-              std::numeric_limits<std::uint64_t>::max());
-    EXPECT_EQ(parse("-f " + json(R"({"vundrel": {"algorithm": ""}})")).algorithm, "");
-    // The first of two equal names counts, at both levels.
-    EXPECT_EQ(parse("-f " + json(R"({"vundrel": {"nPxMin": 4, "nPxMin": 5}, "vundrel": 1})")).nPxMin, 4u);
+    // Failed conversions carry the conversion's name.
+    EXPECT_THROW_MESSAGE(parse("-s abc"), std::invalid_argument, "stod");
+    EXPECT_THROW_MESSAGE(parse("-m 1e-400"), std::out_of_range, "stod");
+    EXPECT_THROW_MESSAGE(parse("-K 99999999999999999999"), std::out_of_range, "stoul");
+    EXPECT_THROW_MESSAGE(parse("--verbose 4294967296"), std::out_of_range, "stoi");
+    EXPECT_THROW_MESSAGE(parse("first -T second"), std::invalid_argument, "excess argument: first !");
 }
 
-TEST_F(ParametersTest, ParameterFileErrorsNameTheKeyOrTheFile) {
-    struct Case {
-        std::string text; ///< the file's content, or "@path" for a path to name instead
-        std::string message;
-    };
-    const std::string deep = std::string(1000000, '[') + std::string(1000000, ']');
-    const Case cases[] = {
+TEST(Parameters, ParameterFileErrorsNameTheKeyOrTheFile) {
+    const std::string missing = json("") + ".missing";
+    const std::pair<std::string, std::string> cases[] = {
+        // The file's content, or "@path" for a path to name instead; the message.
         {R"({"other": {}})", "Key \"vundrel\" missing!"},
         {R"({"vundrel": [1]})", "Key \"vundrel\" expected to be a JSON Object!"},
         {R"({"vundrel": {"nPxMin": 2.0}})", "Key \"nPxMin\" expected to be a 64 bit unsigned int!"},
@@ -148,18 +101,17 @@ TEST_F(ParametersTest, ParameterFileErrorsNameTheKeyOrTheFile) {
         {R"({"vundrel": {"dSpace": 2,}})", "is not valid JSON: Missing a name for object member. (at byte 25)!"},
         {"[1, 2]", "does not hold a JSON object at its root!"},
         // The parser descends recursively: deep nesting is refused before it runs.
-        {deep, "is nested more than 1000 levels deep!"},
+        {std::string(1000000, '[') + std::string(1000000, ']'), "is nested more than 1000 levels deep!"},
         {"@/dev/zero", "Unable to open parameter file \"/dev/zero\" !"},
-        {"@" + (dir / "missing.json"), "Unable to open parameter file \"" + (dir / "missing.json") + "\" !"},
+        {"@" + missing, "Unable to open parameter file \"" + missing + "\" !"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.message);
-        const std::string path = c.text.starts_with('@') ? c.text.substr(1) : json(c.text);
+    for (const auto& [text, expected] : cases) {
+        SCOPED_TRACE(expected);
+        const std::string path = text.starts_with('@') ? text.substr(1) : json(text);
         // Messages about the file as a whole start with its name.
-        const std::string message = c.message.starts_with("is ") || c.message.starts_with("does ")
-                                        ? "Parameter file \"" + path + "\" " + c.message
-                                        : c.message;
-        EXPECT_THAT([&] { parse("-f " + path); }, ThrowsMessage<std::invalid_argument>(StrEq(message)));
+        const bool whole = expected.starts_with("is ") || expected.starts_with("does ");
+        EXPECT_THROW_MESSAGE(parse("-f " + path), std::invalid_argument,
+                             whole ? "Parameter file \"" + path + "\" " + expected : expected);
     }
     const std::string limit = json("{\"vundrel\": {\"a\": " + std::string(998, '[') + std::string(998, ']') + "}}");
     EXPECT_EQ(parse("-f " + limit).dSpace, 2.0) << "1000 levels are read";

@@ -3,16 +3,13 @@
 
 #include <chrono>
 #include <csignal>
-#include <filesystem>
-#include <random>
+#include <functional>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sched.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include "PhotonEvents.hpp"
 #include "Reconstruction_switch.hpp"
@@ -24,16 +21,45 @@ using kavot_tpx3spidr::PhotonFile;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Not;
 namespace fs = std::filesystem;
 
 namespace {
 
-ProcessResult vundrel(const std::vector<std::string>& args,
-                      const std::string& dir = ".",
-                      const std::string& tz = "UTC0",
-                      bool oneCpu = false) {
-    return runProcess(VUNDREL_BINARY, args, dir, tz, oneCpu);
+struct ProcessResult {
+    int status;
+    std::string out, err;
+};
+
+/// Runs vundrel with `args` in `dir`, TZ set to `tz`, standard output and error captured; on the CPU it starts on
+/// only, when `oneCpu`. `whileRunning` gets the process while it runs.
+ProcessResult vundrel(
+    std::vector<std::string> args,
+    const std::string& dir,
+    const char* tz = "UTC0",
+    bool oneCpu = false,
+    const std::function<void(pid_t)>& whileRunning = [](pid_t) {}) {
+    const TempDir capture;
+    const std::string outPath = capture / "out";
+    const std::string errPath = capture / "err";
+    args.insert(args.begin(), VUNDREL_BINARY);
+    std::vector<char*> argv = argvOf(args);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(open(outPath.c_str(), O_WRONLY | O_CREAT, 0600), 1);
+        dup2(open(errPath.c_str(), O_WRONLY | O_CREAT, 0600), 2);
+        setenv("TZ", tz, 1);
+        cpu_set_t cpus;
+        CPU_ZERO(&cpus);
+        CPU_SET(static_cast<std::size_t>(sched_getcpu()), &cpus);
+        if ((!oneCpu || sched_setaffinity(0, sizeof(cpus), &cpus) == 0) && chdir(dir.c_str()) == 0) {
+            execv(VUNDREL_BINARY, argv.data());
+        }
+        _exit(127);
+    }
+    whileRunning(pid);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), readFile(outPath), readFile(errPath)};
 }
 
 /// The messages of the log lines in `text`, after checking each line's label and time stamp.
@@ -55,12 +81,9 @@ std::vector<std::string> progress(const std::string& text) {
 }
 
 /// A small generated recording in `dir`.
-std::string sampleFile(const TempDir& dir, std::uint64_t hits = 20000) {
-    tpx3gen::Settings settings;
-    settings.hits = hits;
-    settings.disorder_seconds = 2e-7;
+std::string sampleFile(const TempDir& dir, u64 hits = 20000) {
     const std::string path = dir / "sample.tpx3";
-    writeWords(path, tpx3gen::generate(settings).words);
+    writeWords(path, tpx3gen::generate({.hits = hits, .disorder_seconds = 2e-7}).words);
     return path;
 }
 
@@ -94,99 +117,22 @@ TEST(Program, ConvertsARecordingAndLogsEachStepInOrder) {
     EXPECT_EQ(lines(result.out)[1].substr(0, 9), "info:    ");
     expectNoTemporaryFiles(dir.path / "nested/dirs");
 
-    struct Case {
-        std::string verbose;
-        std::size_t outLines;
-    };
-    for (const Case& c : {Case{"3", 3}, Case{"2", 3}, Case{"1", 0}}) {
-        SCOPED_TRACE(c.verbose);
+    for (const auto& [verbose, outLines] : {std::pair{"3", 3u}, {"2", 3u}, {"1", 0u}}) {
         EXPECT_EQ(
-            lines(vundrel({"--verbose", c.verbose, "-i", input, "-o", "o.kavotphot"}, dir.path.string()).out).size(),
-            c.outLines);
+            lines(vundrel({"--verbose", verbose, "-i", input, "-o", "o.kavotphot"}, dir.path.string()).out).size(),
+            outLines)
+            << verbose;
     }
     EXPECT_THAT(vundrel({"-i", "x.tpx3"}, dir.path.string(), "EST5").err,
                 HasSubstr(" UTC-0500: No output destination specified! Exiting..."));
 }
 
-TEST(Program, FailuresAfterLoadingWriteNoPhotonFile) {
-    const TempDir dir;
-    const std::string input = sampleFile(dir, 2000);
-    const auto bogus = vundrel({"-i", input, "-o", "o.kavotphot", "--algorithm", "bogus"}, dir.path.string());
-    EXPECT_EQ(bogus.status, 1);
-    EXPECT_THAT(errors(bogus.err), ElementsAre("Unrecognized algorithmbogus!"));
-    EXPECT_EQ(progress(bogus.out).size(), 4u) << "loading, both totals and the start of reconstruction";
-    EXPECT_FALSE(fs::exists(dir / "o.kavotphot"));
-
-    // Without a global timestamp the default mode refuses the file; raw times decode it.
-    writeWords(dir / "noglobal.tpx3", chunk({pixelWord(1, 1, 100, 5), pixelWord(1, 2, 101, 5)}));
-    const auto refused = vundrel({"-i", "noglobal.tpx3", "-o", "n.kavotphot"}, dir.path.string());
-    EXPECT_THAT(errors(refused.err), ElementsAre("Supplied file does not contain a global timestamp!"));
-    const auto raw = vundrel({"-i", "noglobal.tpx3", "-o", "n.kavotphot", "--globalTime_ignore"}, dir.path.string());
-    EXPECT_EQ(raw.status, 0);
-    EXPECT_EQ(PhotonFile().read_fromFile(dir / "n.kavotphot").photonEvents.size(), 1u);
-}
-
-TEST(Program, OutputsAppearCompleteOrNotAtAllAndNeverOverTheInput) {
+TEST(Program, EndsWithOneClearErrorOrACompleteOutputNeverOverTheInput) {
     const TempDir dir;
     const std::string input = sampleFile(dir, 3000);
     const std::string recording = readFile(input);
-    writeFile(dir / "blocker", "a file where a directory should be");
-    fs::create_directory(dir / "taken.kavotphot");
-    fs::create_symlink("/dev/full", dir / "full.kavotphot");
-    fs::create_symlink("sample.tpx3", dir / "link.kavotphot");
-    fs::create_hard_link(input, dir / "hard.kavotphot");
-    writeFile(dir / "old.kavotphot", "what was there before");
-    fs::permissions(dir / "old.kavotphot", fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
-    ASSERT_EQ(mkfifo((dir / "pipe.kavotphot").c_str(), 0600), 0);
-    struct Case {
-        std::vector<std::string> args;
-        std::string error; // reported after the photon total; empty: a complete run; "*": any message
-    };
-    const Case cases[] = {
-        {{"-o", "taken.kavotphot"}, "Unable to open output file \"taken.kavotphot\" !"},
-        {{"-o", "pipe.kavotphot"}, "Unable to open output file \"pipe.kavotphot\" !"}, // nobody reads it
-        {{"-o", "full.kavotphot"}, "Unable to write output file \"full.kavotphot\" completely; it was removed!"},
-        {{"-o", "blocker/sub/out.kavotphot"}, "*"}, // the file system's own message
-        {{"-o", "link.kavotphot"}, ""},             // the link is replaced, the input keeps its bytes
-        {{"-o", "hard.kavotphot"}, ""},
-        {{"-o", "old.kavotphot"}, ""},
-        // The image is written before the output directory is created, so not into it; an image named like the
-        // output is replaced by the photon file.
-        {{"-o", "new/out.kavotphot", "--photImgPath", "new/image.raw"}, ""},
-        {{"-o", "same.kavotphot", "--photImgPath", "./same.kavotphot"}, ""},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.args[1]);
-        std::vector<std::string> args{"-i", "sample.tpx3"};
-        args.insert(args.end(), c.args.begin(), c.args.end());
-        const auto result = vundrel(args, dir.path.string());
-        if (c.error.empty()) {
-            EXPECT_EQ(result.status, 0) << result.err;
-            EXPECT_NO_THROW((void)PhotonFile().read_fromFile(dir / c.args[1]));
-            continue;
-        }
-        EXPECT_EQ(result.status, 1);
-        ASSERT_EQ(errors(result.err).size(), 1u);
-        if (c.error != "*") {
-            EXPECT_EQ(errors(result.err)[0], c.error);
-        }
-        EXPECT_THAT(progress(result.out).back(), HasSubstr("Total number of reconstructed photons"));
-    }
-    EXPECT_EQ(readFile(input), recording);
-    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(dir / "link.kavotphot")));
-    EXPECT_FALSE(fs::exists(dir / "new/image.raw"));
-    EXPECT_EQ(fs::status(dir / "old.kavotphot").permissions() & fs::perms::all,
-              fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read)
-        << "a replaced file keeps its permissions";
-    expectNoTemporaryFiles(dir.path);
-}
-
-TEST(Program, HostileInputsEndWithOneClearErrorOrTheDefinedResult) {
-    const TempDir dir;
-    const std::string input = sampleFile(dir, 3000);
-    const std::string whole = readFile(input);
-    writeFile(dir / "truncated.tpx3", whole.substr(0, (whole.size() / 2) & ~std::size_t{7}));
-    writeFile(dir / "odd.tpx3", whole.substr(0, 13));
+    writeFile(dir / "truncated.tpx3", recording.substr(0, (recording.size() / 2) & ~std::size_t{7}));
+    writeFile(dir / "odd.tpx3", recording.substr(0, 13));
     std::mt19937_64 random(9);
     std::string noise(4096, '\0');
     for (auto& byte : noise) {
@@ -197,12 +143,20 @@ TEST(Program, HostileInputsEndWithOneClearErrorOrTheDefinedResult) {
     fs::create_symlink("/dev/zero", dir / "endless.tpx3");
     writeFile(dir / "empty.tpx3", "");
     ASSERT_EQ(mkfifo((dir / "fifo.tpx3").c_str(), 0600), 0);
-    struct Case {
+    writeFile(dir / "blocker", "a file where a directory should be");
+    fs::create_directory(dir / "taken.kavotphot");
+    fs::create_symlink("/dev/full", dir / "full.kavotphot");
+    fs::create_symlink("sample.tpx3", dir / "link.kavotphot");
+    fs::create_hard_link(input, dir / "hard.kavotphot");
+    writeFile(dir / "old.kavotphot", "what was there before");
+    fs::permissions(dir / "old.kavotphot", fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+    ASSERT_EQ(mkfifo((dir / "pipe.kavotphot").c_str(), 0600), 0);
+    const struct {
         std::vector<std::string> args;
         int status;
-        std::string error; // empty: a complete run
-    };
-    const Case cases[] = {
+        std::string error; // empty: a complete run; "*": any message
+    } cases[] = {
+        // Inputs and settings, each with -o out.kavotphot: refused before the photon file is created.
         {{"-i", "truncated.tpx3"}, 1, "End of data reached before block is complete!"},
         {{"-i", "odd.tpx3"}, 1, "File contains incomplete lines!"},
         {{"-i", "random.tpx3"}, 1, "Invalid header entry!"},
@@ -220,22 +174,50 @@ TEST(Program, HostileInputsEndWithOneClearErrorOrTheDefinedResult) {
         {{"-i", input, "-m", "nan", "-M", "-inf"}, 0, ""},
         {{"-i", input, "-k", "18446744073709551615", "-K", "0"}, 0, ""},
         {{"-i", input, "-f", "/dev/zero"}, 1, "Unable to open parameter file \"/dev/zero\" !"},
+        {{"-i", input, "--algorithm", "bogus"}, 1, "Unrecognized algorithmbogus!"},
+        // Outputs, each with -i sample.tpx3: written after the photons are found, completely or not at all.
+        {{"-o", "taken.kavotphot"}, 1, "Unable to open output file \"taken.kavotphot\" !"},
+        {{"-o", "pipe.kavotphot"}, 1, "Unable to open output file \"pipe.kavotphot\" !"}, // nobody reads it
+        {{"-o", "full.kavotphot"}, 1, "Unable to write output file \"full.kavotphot\" completely; it was removed!"},
+        {{"-o", "blocker/sub/out.kavotphot"}, 1, "*"}, // the file system's own message
+        {{"-o", "link.kavotphot"}, 0, ""},             // the link is replaced, the input keeps its bytes
+        {{"-o", "hard.kavotphot"}, 0, ""},
+        {{"-o", "old.kavotphot"}, 0, ""},
+        // The image is written before the output directory is created, so not into it; an image named like the
+        // output is replaced by the photon file.
+        {{"-o", "new/out.kavotphot", "--photImgPath", "new/image.raw"}, 0, ""},
+        {{"-o", "same.kavotphot", "--photImgPath", "./same.kavotphot"}, 0, ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.args));
+        const bool output = c.args[0] == "-o";
         std::vector<std::string> args = c.args;
-        args.insert(args.end(), {"-o", "out.kavotphot", "--verbose", "1"});
+        const std::vector<std::string> other{output ? "-i" : "-o", output ? "sample.tpx3" : "out.kavotphot"};
+        args.insert(args.end(), other.begin(), other.end());
+        const std::string written = dir / (output ? c.args[1] : "out.kavotphot");
         fs::remove(dir / "out.kavotphot");
         const auto result = vundrel(args, dir.path.string());
         EXPECT_EQ(result.status, c.status);
         if (c.error.empty()) {
             EXPECT_THAT(result.err, IsEmpty());
-            EXPECT_NO_THROW((void)PhotonFile().read_fromFile(dir / "out.kavotphot"));
+            EXPECT_NO_THROW((void)PhotonFile().read_fromFile(written));
+            continue;
+        }
+        ASSERT_EQ(errors(result.err).size(), 1u);
+        EXPECT_TRUE(c.error == "*" || errors(result.err)[0] == c.error) << result.err;
+        if (output) {
+            EXPECT_THAT(progress(result.out).back(), HasSubstr("Total number of reconstructed photons"));
         } else {
-            EXPECT_THAT(errors(result.err), ElementsAre(c.error));
-            EXPECT_FALSE(fs::exists(dir / "out.kavotphot"));
+            EXPECT_FALSE(fs::exists(written));
         }
     }
+    EXPECT_EQ(readFile(input), recording);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(dir / "link.kavotphot")));
+    EXPECT_FALSE(fs::exists(dir / "new/image.raw"));
+    EXPECT_EQ(fs::status(dir / "old.kavotphot").permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read)
+        << "a replaced file keeps its permissions";
+    expectNoTemporaryFiles(dir.path);
 }
 
 TEST(Program, AnInterruptedRunLeavesNoFileBehind) {
@@ -243,27 +225,20 @@ TEST(Program, AnInterruptedRunLeavesNoFileBehind) {
     sampleFile(dir, 4000000);
     for (const int signal : {SIGINT, SIGTERM}) {
         SCOPED_TRACE(signal);
-        const pid_t pid = fork();
-        if (pid == 0) {
-            const std::string output = dir / "out.kavotphot";
-            const std::string sample = dir / "sample.tpx3";
-            execl(VUNDREL_BINARY, VUNDREL_BINARY, "-i", sample.c_str(), "-o", output.c_str(), "--verbose", "-2",
-                  static_cast<char*>(nullptr));
-            _exit(127);
-        }
         // Interrupted once the photon file is being written: its temporary file is there.
         bool writing = false;
-        for (int wait = 0; wait < 2000 && !writing; ++wait) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            for (const auto& entry : fs::directory_iterator(dir.path)) {
-                writing = writing || entry.path().filename().string().starts_with(".out.kavotphot.");
+        const auto interrupt = [&](pid_t pid) {
+            for (int wait = 0; wait < 2000 && !writing; ++wait) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                for (const auto& entry : fs::directory_iterator(dir.path)) {
+                    writing = writing || entry.path().filename().string().starts_with(".out.kavotphot.");
+                }
             }
-        }
-        kill(pid, signal);
-        int status = 0;
-        waitpid(pid, &status, 0);
+            kill(pid, signal);
+        };
+        const std::vector<std::string> args{"-i", "sample.tpx3", "-o", "out.kavotphot", "--verbose", "-2"};
+        EXPECT_EQ(vundrel(args, dir.path.string(), "UTC0", false, interrupt).status, 128 + signal);
         ASSERT_TRUE(writing) << "the run ended before it could be interrupted";
-        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == signal);
         expectNoTemporaryFiles(dir.path);
         EXPECT_FALSE(fs::exists(dir / "out.kavotphot"));
     }
@@ -272,27 +247,17 @@ TEST(Program, AnInterruptedRunLeavesNoFileBehind) {
 TEST(Program, WritesTheLibraryResultOfEveryAlgorithm) {
     // The library's in-memory data set and algorithms, written by the block writer, are the reference.
     const TempDir dir;
-    std::mt19937_64 random(41);
-    tpx3gen::Settings settings;
-    settings.hits = 30000;
-    settings.maxChunkPackets = 300;
     for (const bool reversed : {false, true}) {
-        settings.reverse = reversed;
-        writeWords(dir / "in.tpx3", tpx3gen::generate(settings).words);
+        writeWords(dir / "in.tpx3",
+                   tpx3gen::generate({.hits = 30000, .reverse = reversed, .maxChunkPackets = 300}).words);
         for (const char* algorithm : {"default", "checkNextOnly", "forwardChain_pixelBuildup"}) {
             SCOPED_TRACE(testing::Message() << algorithm << (reversed ? " reversed" : ""));
             const std::vector<std::string> args{"-i", "in.tpx3", "-o", "out.kavotphot", "--algorithm", algorithm, "-T",
                                                 "-s", "1.5",     "-t", "2e-7"};
             const auto result = vundrel(args, dir.path.string());
             ASSERT_EQ(result.status, 0) << result.err;
-            std::vector<std::string> words{"vundrel"};
-            words.insert(words.end(), args.begin(), args.end());
-            std::vector<char*> argv;
-            for (auto& word : words) {
-                argv.push_back(word.data());
-            }
             std::int32_t threshold = 4;
-            const Parameters parameters(static_cast<int>(argv.size()), argv.data(), threshold);
+            const auto parameters = parseCommandLine<Parameters>(args, threshold);
             const auto expected = reconstruct_photonEvents_switchAlgoritms(
                 kavot_tpx3spidr::Data_Tpx3Spidr::make_from_file_tpx3spidr<true>(dir / "in.tpx3"), parameters,
                 make_reconstructionParameters(parameters));
@@ -316,4 +281,29 @@ TEST(Program, WritesTheSameBytesOnOneCpuAndOnAll) {
     }
     EXPECT_TRUE(bytes[0] == bytes[1]);
     expectNoTemporaryFiles(dir.path);
+}
+
+TEST(Program, OnATerminalLeavesExactlyTheLog) {
+    const TempDir dir;
+    sampleFile(dir, 100000);
+    const auto plain = vundrel({"-i", "sample.tpx3", "-o", "out.kavotphot"}, dir.path.string());
+    // `script` gives the run a terminal as standard output and error, and copies what it shows.
+    const std::string run = "cd '" + dir.path.string() +
+                            "' && TZ=UTC0 /usr/bin/script -qec '" VUNDREL_BINARY
+                            " -i sample.tpx3 -o out.kavotphot' /dev/null";
+    FILE* pipe = popen(run.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string shown;
+    char buffer[4096];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
+        shown.append(buffer, n);
+    }
+    ASSERT_EQ(pclose(pipe), 0) << shown;
+    EXPECT_NE(shown.find("vundrel:"), std::string::npos) << "the line was never drawn";
+    // Every drawing of the line is erased before anything else is shown: taking away the drawings that an erase
+    // follows, and then the erases, leaves the log.
+    shown = std::regex_replace(shown, std::regex("\r\033\\[Kvundrel: [^\r\n\033]*(?=\r\033\\[K)"), "");
+    shown = std::regex_replace(std::regex_replace(shown, std::regex("\r\033\\[K"), ""), std::regex("\r\n"), "\n");
+    const std::regex stamp(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d|\d+ seconds)");
+    EXPECT_EQ(std::regex_replace(shown, stamp, "T"), std::regex_replace(plain.out, stamp, "T"));
 }

@@ -1,8 +1,6 @@
-// The progress line: its text, when it is drawn and erased, and a run on a terminal that ends up showing
-// exactly the log of a run without one.
+// The progress line: its text, and when it is drawn and erased (a run on a terminal: Program_test.cpp).
 
 #include <chrono>
-#include <regex>
 #include <string>
 
 #include <fcntl.h>
@@ -10,10 +8,7 @@
 #include <unistd.h>
 
 #include "ProgressLine.hpp"
-#include "TestSupport.hpp"
-#include "Tpx3Generator.hpp"
 
-using namespace testsupport;
 using namespace std::chrono_literals;
 
 namespace {
@@ -74,26 +69,4 @@ TEST(ProgressLine, DrawsAtMostEveryIntervalAndErasesItselfOnlyIfDrawn) {
     EXPECT_EQ(drain(pipe[0]), erase);
     ::close(pipe[0]);
     ::close(pipe[1]);
-}
-
-TEST(Program, OnATerminalLeavesExactlyTheLog) {
-    const TempDir dir;
-    tpx3gen::Settings settings;
-    settings.hits = 100000;
-    writeWords(dir / "sample.tpx3", tpx3gen::generate(settings).words);
-    const std::string run = std::string(VUNDREL_BINARY) + " -i sample.tpx3 -o out.kavotphot";
-    const auto plain = runProcess("/bin/sh", {"-c", run}, dir.path.string());
-    // `script` gives the run a terminal as standard output and error, and copies what it shows.
-    const auto terminal = runProcess("/usr/bin/script", {"-qec", run, "/dev/null"}, dir.path.string());
-    ASSERT_EQ(terminal.status, 0) << terminal.err;
-    // Every drawing of the line is erased before anything else is shown: taking away the drawings that an erase
-    // follows, and then the erases, leaves the log.
-    std::string shown =
-        std::regex_replace(terminal.out, std::regex("\r\033\\[Kvundrel: [^\r\n\033]*(?=\r\033\\[K)"), "");
-    shown = std::regex_replace(shown, std::regex("\r\033\\[K"), "");
-    shown = std::regex_replace(shown, std::regex("\r\n"), "\n");
-    EXPECT_NE(terminal.out.find("vundrel:"), std::string::npos) << "the line was never drawn";
-    const std::regex stamp(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d|\d+ seconds)");
-    EXPECT_EQ(std::regex_replace(shown, stamp, "T"), std::regex_replace(plain.out, stamp, "T"));
-    EXPECT_EQ(plain.err, "");
 }

@@ -1,8 +1,4 @@
 #include <array>
-#include <cstdint>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "TestSupport.hpp"
 #include "Tpx3Inspection.hpp"
@@ -15,7 +11,7 @@ namespace {
 constexpr long P = 1L << 34; // pixel clock period
 constexpr long R = P + 160;  // a first global timestamp in the lower half of its period
 
-Tpx3Inspection inspectWords(const std::vector<std::uint64_t>& words) {
+Tpx3Inspection inspectWords(const std::vector<u64>& words) {
     const TempDir dir;
     writeWords(dir / "r.tpx3", words);
     return inspect_tpx3(Tpx3InputFile(dir / "r.tpx3"));
@@ -23,16 +19,15 @@ Tpx3Inspection inspectWords(const std::vector<std::uint64_t>& words) {
 
 /// One chunk of hits at the given times (x = 0, where no column correction applies), then the global timestamp
 /// R when asked, then a chunk of the later hits.
-std::vector<std::uint64_t> hitsAround(const std::vector<long>& before, bool reference, const std::vector<long>& after) {
-    std::vector<std::uint64_t> words;
+std::vector<u64> hitsAround(const std::vector<long>& before, bool reference, const std::vector<long>& after) {
+    std::vector<u64> words;
     for (const auto* times : {&before, &after}) {
-        std::vector<std::uint64_t> packets;
+        std::vector<u64> packets;
         for (const long t : *times) {
-            packets.push_back(pixelWord(0, 0, static_cast<std::uint64_t>(t % P), 0));
+            packets.push_back(pixelWord(0, 0, static_cast<u64>(t % P), 0));
         }
         if (times == &before && reference) {
-            packets.push_back(globalLow(static_cast<std::uint64_t>(R / 16)));
-            packets.push_back(globalHigh(0));
+            packets.insert(packets.end(), {globalLow(static_cast<u64>(R / 16)), globalHigh(0)});
         }
         const auto one = chunk(packets);
         words.insert(words.end(), one.begin(), one.end());
@@ -53,15 +48,14 @@ std::vector<long> climb(long from, long to) {
 } // namespace
 
 TEST(Tpx3Inspection, TimeModelCoversThreeHalfPeriodsAfterTheReferenceAndOneHalfBefore) {
-    struct Case {
+    const long half = P / 2;
+    const struct {
         const char* name;
         std::vector<long> before;
         bool reference;
         std::vector<long> after;
         bool exceeds;
-    };
-    const long half = P / 2;
-    const Case cases[] = {
+    } cases[] = {
         {"last hit just inside", {}, true, climb(R, R + 3 * half - 1), false},
         {"last hit at the end", {}, true, climb(R, R + 3 * half), true},
         // Hits before the timestamp move with the latest of them to the reference's clock.
@@ -81,14 +75,11 @@ TEST(Tpx3Inspection, TimeModelCoversThreeHalfPeriodsAfterTheReferenceAndOneHalfB
 }
 
 TEST(Tpx3Inspection, FollowsRolloversAndMeasuresDisorderAgainstTheLatestHit) {
-    struct Case {
+    const struct {
         std::vector<long> times;
-        std::uint64_t outOfOrder;
-        long largestLag;
-        long span;
-        long rollovers;
-    };
-    const Case cases[] = {
+        u64 outOfOrder;
+        long largestLag, span, rollovers;
+    } cases[] = {
         {{100, 90, 100, 50, 200}, 2, 50, 150, 0}, // an equal time is in order
         {{P - 10, P + 5, P - 20}, 1, 25, 25, 1},  // forward across the wrap, then back across it
         {climb(0, 3 * P), 0, 0, 3 * P, 3},        // any number of rollovers, in steps under half a period
@@ -104,16 +95,11 @@ TEST(Tpx3Inspection, FollowsRolloversAndMeasuresDisorderAgainstTheLatestHit) {
 }
 
 TEST(Tpx3Inspection, CountsByKindAndChipAndKeepsThemWhenTheStructureBreaks) {
-    const std::uint64_t chip2 = std::uint64_t{2} << 32; // header byte 4
-    std::vector<std::uint64_t> words =
-        chunk({pixelWord(3, 4, 10, 0), pixelWord(3, 4, 20, 0), pixelWord(5, 6, 30, 0), tdcWord(1, 1, 0xF),
-               tdcWord(2, 1, 0xA), tdcWord(3, 1, 0xE), tdcWord(4, 1, 0xB), tdcWord(5, 1, 0x6), globalLow(7),
-               globalHigh(1), 0x7000000000000000ULL});
-    words[0] |= chip2;
-    for (const auto word : chunk({pixelWord(5, 6, 40, 0)})) {
-        words.push_back(word);
-    }
-    words.push_back(chunkHeader(16)); // claims two packets, none follows
+    std::vector<u64> words = chunk({pixelWord(3, 4, 10, 0), pixelWord(3, 4, 20, 0), pixelWord(5, 6, 30, 0),
+                                    tdcWord(1, 1, 0xF), tdcWord(2, 1, 0xA), tdcWord(3, 1, 0xE), tdcWord(4, 1, 0xB),
+                                    tdcWord(5, 1, 0x6), globalLow(7), globalHigh(1), 0x7000000000000000ULL});
+    words[0] |= u64{2} << 32;                                                             // chip 2, in header byte 4
+    words.insert(words.end(), {chunkHeader(8), pixelWord(5, 6, 40, 0), chunkHeader(16)}); // the last claims 2 packets
     const auto found = inspectWords(words);
 
     EXPECT_EQ(found.structureError, "End of data reached before block is complete!");
@@ -121,10 +107,10 @@ TEST(Tpx3Inspection, CountsByKindAndChipAndKeepsThemWhenTheStructureBreaks) {
     EXPECT_EQ(found.chunks_byChip[0], 1u);
     EXPECT_EQ(found.chunks_byChip[2], 1u); // read from the header word in front of the packets
     EXPECT_EQ(found.pixelHits, 4u);
-    EXPECT_EQ(found.tdcPackets_byKind, (std::array<std::uint64_t, 5>{1, 1, 1, 1, 1}));
+    EXPECT_EQ(found.tdcPackets_byKind, (std::array<u64, 5>{1, 1, 1, 1, 1}));
     EXPECT_EQ(found.globalTimePackets, 2u);
     EXPECT_EQ(found.globalTimestamps, 1u);
-    EXPECT_EQ(found.firstGlobalTimestamp_ticks, ((std::uint64_t{1} << 32) + 7) * 16);
+    EXPECT_EQ(found.firstGlobalTimestamp_ticks, ((u64{1} << 32) + 7) * 16);
     EXPECT_EQ(found.otherPackets, 1u);
     ASSERT_EQ(found.busiestPixels.size(), 2u);
     EXPECT_EQ(found.busiestPixels[0].x, 3); // a tie of two hits each: the lower row first

@@ -1,9 +1,7 @@
 #pragma once
 
-// What each fuzz target does with one input. The libFuzzer entry points call these, and the test suite replays
-// every input under regressions/ through them, so a finding stays a test after it is fixed.
-// A broken property aborts (a crash for the fuzzer, a failure for the replay); refusals with the program's
-// exceptions are expected outcomes.
+// What each fuzz target does with one input, for the libFuzzer entry points and the replay of regressions/ in the
+// suite. A broken property aborts; refusals with the program's exceptions are expected outcomes.
 
 #include <cstdint>
 #include <cstdlib>
@@ -19,6 +17,7 @@
 #include "Data_Tpx3Spidr.hpp"
 #include "Parameters.hpp"
 #include "PhotonEvents.hpp"
+#include "Reconstruction_switch.hpp"
 
 namespace fuzztargets {
 
@@ -37,21 +36,6 @@ inline std::string scratchPath(const char* name) {
 inline void writeBytes(const std::string& path, const std::uint8_t* data, std::size_t size) {
     std::ofstream stream(path, std::ios::out | std::ios::binary | std::ios::trunc);
     stream.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-}
-
-/// Runs one algorithm over a sequence and returns its photons.
-template <typename Sequence>
-std::vector<PhotonEvent_type>
-photonsOf(int algorithm, Sequence& sequence, const ReconstructionParameters_PhotonEvents& parameters) {
-    VectorPhotonSink sink;
-    if (algorithm == 0) {
-        reconstruct_photonEvents_fullChain_direct(sequence, parameters, sink);
-    } else if (algorithm == 1) {
-        reconstruct_photonEvents_checkNextOnly(sequence, parameters, sink);
-    } else {
-        reconstruct_photonEvents_forwardChain_pixelBuildup(sequence, parameters, sink);
-    }
-    return sink.photons;
 }
 
 /// The stream the program reads (census, blocks decoded from the file and merged) against the data set in
@@ -78,13 +62,16 @@ void decodeAndCluster(const std::vector<std::uint64_t>& words, const std::string
     const Data_Tpx3Spidr& data = *decoded;
     require(census->tdcTriggers.to_vector() == data.get_tdc1Triggers());
     const ReconstructionParameters_PhotonEvents parameters{2.0, Time(64), 1, 200, 1.0, 1e9, true};
-    for (int algorithm = 0; algorithm < 3; ++algorithm) {
+    for (const Algorithm algorithm :
+         {Algorithm::fullChain_direct, Algorithm::checkNextOnly, Algorithm::forwardChain_pixelBuildup}) {
         Tpx3HitSource<useGlobalTime> streamed(file, *census);
         DataSetSequence inMemory(data);
-        const auto photons = photonsOf(algorithm, inMemory, parameters);
-        require(photonsOf(algorithm, streamed, parameters) == photons);
-        for (std::size_t k = 1; k < photons.size(); ++k) {
-            require(photons[k - 1].toa <= photons[k].toa);
+        VectorPhotonSink photons, streamedPhotons;
+        reconstruct_photonEvents_into(algorithm, inMemory, parameters, photons);
+        reconstruct_photonEvents_into(algorithm, streamed, parameters, streamedPhotons);
+        require(streamedPhotons.photons == photons.photons);
+        for (std::size_t k = 1; k < photons.photons.size(); ++k) {
+            require(photons.photons[k - 1].toa <= photons.photons[k].toa);
         }
     }
     Tpx3HitSource<useGlobalTime> streamed(file, *census);
@@ -109,18 +96,23 @@ inline int tpx3(const std::uint8_t* data, std::size_t size) {
     return 0;
 }
 
+/// The settings of a command line (`args` start with the program name).
+inline Parameters parsed(std::vector<std::string> args) {
+    std::vector<char*> argv;
+    for (auto& arg : args) {
+        argv.push_back(arg.data());
+    }
+    argv.push_back(nullptr);
+    std::int32_t threshold = 4;
+    return Parameters(static_cast<int>(args.size()), argv.data(), threshold);
+}
+
 /// A parameter file named with -f.
 inline int paramsFile(const std::uint8_t* data, std::size_t size) {
     const std::string path = scratchPath("params.json");
     writeBytes(path, data, size);
-    std::string program = "vundrel";
-    std::string option = "-f";
-    std::string file = path;
-    char* argv[] = {program.data(), option.data(), file.data(), nullptr};
-    std::int32_t threshold = 4;
     try {
-        const Parameters parameters(3, argv, threshold);
-        require(!parameters.exitEarly);
+        require(!parsed({"vundrel", "-f", path}).exitEarly);
     } catch (const std::invalid_argument&) {
     }
     return 0;
@@ -154,15 +146,14 @@ inline int kavotphot(const std::uint8_t* data, std::size_t size) {
         return 0;
     }
     const std::string again = scratchPath("again.kavotphot");
-    {
-        std::vector<std::unique_ptr<PhotonFile::IO_Block>> blocks;
-        blocks.push_back(std::make_unique<PhotonFile::IO_PhotonEvents>(read->photonEvents));
-        if (read->extTriggers) {
-            blocks.push_back(std::make_unique<PhotonFile::IO_ExtTriggers>(*read->extTriggers));
-        }
-        std::ofstream stream(again, std::ios::out | std::ios::binary | std::ios::trunc);
-        PhotonFile::IO_File(std::move(blocks)).write(stream);
+    std::vector<std::unique_ptr<PhotonFile::IO_Block>> blocks;
+    blocks.push_back(std::make_unique<PhotonFile::IO_PhotonEvents>(read->photonEvents));
+    if (read->extTriggers) {
+        blocks.push_back(std::make_unique<PhotonFile::IO_ExtTriggers>(*read->extTriggers));
     }
+    std::ofstream stream(again, std::ios::out | std::ios::binary | std::ios::trunc);
+    PhotonFile::IO_File(std::move(blocks)).write(stream);
+    stream.close();
     const auto reread = PhotonFile().read_fromFile(again);
     require(reread.photonEvents == read->photonEvents);
     require(reread.extTriggers == read->extTriggers);
@@ -184,15 +175,8 @@ inline int commandLine(const std::uint8_t* data, std::size_t size) {
     if (!current.empty() && args.size() < 32) {
         args.push_back(current);
     }
-    std::vector<char*> argv;
-    for (auto& arg : args) {
-        argv.push_back(arg.data());
-    }
-    argv.push_back(nullptr);
-    std::int32_t threshold = 4;
     try {
-        const Parameters parameters(static_cast<int>(args.size()), argv.data(), threshold);
-        (void)parameters;
+        (void)parsed(args);
     } catch (const std::invalid_argument&) {
     } catch (const std::out_of_range&) {
     }
