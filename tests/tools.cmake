@@ -1,10 +1,10 @@
 # Tests of the tools beside vundrel: the inspection pass, kavot end to end, and the Slurm batch script.
 
-add_executable(kavot_inspection_tests Tpx3Inspection_test.cpp)
-target_link_libraries(kavot_inspection_tests PRIVATE kavot_tpx3spidr::kavot_tpx3spidr GTest::gtest_main
+add_executable(kavot_survey_tests Tpx3Survey_test.cpp)
+target_link_libraries(kavot_survey_tests PRIVATE kavot_tpx3spidr::kavot_tpx3spidr GTest::gtest_main
     kavot_warnings)
-target_include_directories(kavot_inspection_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
-gtest_discover_tests(kavot_inspection_tests DISCOVERY_TIMEOUT 60 PROPERTIES LABELS unit)
+target_include_directories(kavot_survey_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+gtest_discover_tests(kavot_survey_tests DISCOVERY_TIMEOUT 60 PROPERTIES LABELS unit)
 
 # kavot end to end, on inputs made once by tpx3gen, vundrel and printf (see tools/make_inputs.sh).
 set(kavot_inputs ${CMAKE_CURRENT_BINARY_DIR}/kavot_inputs)

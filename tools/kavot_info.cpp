@@ -10,7 +10,7 @@
 #include <rapidjson/writer.h>
 
 #include "KavotCommand.hpp"
-#include "Tpx3Inspection.hpp"
+#include "Tpx3Survey.hpp"
 #include "Units.hpp"
 
 namespace kavot_tool {
@@ -46,7 +46,7 @@ const char* const help_info =
 
 namespace {
 
-using kavot_tpx3spidr::Tpx3Inspection;
+using kavot_tpx3spidr::Tpx3Survey;
 
 constexpr const char* noGlobalTimestamp = "Supplied file does not contain a global timestamp!";
 constexpr const char* tdcKindNames[] = {"tdc1_rising", "tdc1_falling", "tdc2_rising", "tdc2_falling", "other"};
@@ -57,12 +57,12 @@ double seconds(long ticks) {
 }
 
 /// Hit times relative to the first global timestamp, or as the raw clock counts them when there is none.
-long relative(const Tpx3Inspection& found, long ticks) {
+long relative(const Tpx3Survey& found, long ticks) {
     return ticks - static_cast<long>(found.firstGlobalTimestamp_ticks.value_or(0));
 }
 
 /// The error vundrel would report first, or nothing.
-std::string refusal(const Tpx3Inspection& found) {
+std::string refusal(const Tpx3Survey& found) {
     if (!found.structureError.empty()) {
         return found.structureError;
     }
@@ -70,14 +70,14 @@ std::string refusal(const Tpx3Inspection& found) {
 }
 
 /// TDC packets per second between the first and the last TDC time; none for fewer than two or no span.
-std::optional<double> tdcRate_hz(const Tpx3Inspection& found) {
+std::optional<double> tdcRate_hz(const Tpx3Survey& found) {
     if (found.tdcPackets < 2 || *found.latestTdc_ticks == *found.earliestTdc_ticks) {
         return std::nullopt;
     }
     return static_cast<double>(found.tdcPackets - 1) / seconds(*found.latestTdc_ticks - *found.earliestTdc_ticks);
 }
 
-std::string chipList(const Tpx3Inspection& found) {
+std::string chipList(const Tpx3Survey& found) {
     std::string list;
     for (std::size_t chip = 0; chip < found.chunks_byChip.size(); ++chip) {
         if (found.chunks_byChip[chip] > 0) {
@@ -87,7 +87,7 @@ std::string chipList(const Tpx3Inspection& found) {
     return list;
 }
 
-std::vector<std::string> warnings(const Tpx3Inspection& found) {
+std::vector<std::string> warnings(const Tpx3Survey& found) {
     std::vector<std::string> said;
     if (found.exceeds_timeModel()) {
         const auto model = found.timeModel();
@@ -123,7 +123,7 @@ std::vector<std::string> warnings(const Tpx3Inspection& found) {
     return said;
 }
 
-void print_text(const std::string& path, const Tpx3Inspection& found) {
+void print_text(const std::string& path, const Tpx3Survey& found) {
     std::printf("file: %s\n", path.c_str());
     std::printf("size: %" PRIu64 " bytes, %" PRIu64 " chunks\n", found.size_bytes, found.chunks);
     std::printf("chips:");
@@ -176,7 +176,7 @@ void print_text(const std::string& path, const Tpx3Inspection& found) {
     }
 }
 
-void print_json(const std::string& path, const Tpx3Inspection& found) {
+void print_json(const std::string& path, const Tpx3Survey& found) {
     rapidjson::StringBuffer buffer;
     rapidjson::Writer<rapidjson::StringBuffer> json(buffer);
     const auto optionalNumber = [&](bool present, double value) { present ? json.Double(value) : json.Null(); };
@@ -272,7 +272,7 @@ void print_json(const std::string& path, const Tpx3Inspection& found) {
 
 int run_info(const Arguments& arguments) {
     const std::string& path = arguments.operands[0];
-    const Tpx3Inspection found = kavot_tpx3spidr::inspect_tpx3(kavot_tpx3spidr::Tpx3InputFile(path));
+    const Tpx3Survey found = kavot_tpx3spidr::survey_tpx3(kavot_tpx3spidr::Tpx3InputFile(path));
     if (arguments.has("json")) {
         print_json(path, found);
     } else {

@@ -1,7 +1,7 @@
 #include <array>
 
 #include "TestSupport.hpp"
-#include "Tpx3Inspection.hpp"
+#include "Tpx3Survey.hpp"
 
 using namespace kavot_tpx3spidr;
 using namespace testsupport;
@@ -11,10 +11,10 @@ namespace {
 constexpr long P = 1L << 34; // pixel clock period
 constexpr long R = P + 160;  // a first global timestamp in the lower half of its period
 
-Tpx3Inspection inspectWords(const std::vector<u64>& words) {
+Tpx3Survey surveyWords(const std::vector<u64>& words) {
     const TempDir dir;
     writeWords(dir / "r.tpx3", words);
-    return inspect_tpx3(Tpx3InputFile(dir / "r.tpx3"));
+    return survey_tpx3(Tpx3InputFile(dir / "r.tpx3"));
 }
 
 /// One chunk of hits at the given times (x = 0, where no column correction applies), then the global timestamp
@@ -47,7 +47,7 @@ std::vector<long> climb(long from, long to) {
 
 } // namespace
 
-TEST(Tpx3Inspection, TimeModelCoversThreeHalfPeriodsAfterTheReferenceAndOneHalfBefore) {
+TEST(Tpx3Survey, TimeModelCoversThreeHalfPeriodsAfterTheReferenceAndOneHalfBefore) {
     const long half = P / 2;
     const struct {
         const char* name;
@@ -67,14 +67,14 @@ TEST(Tpx3Inspection, TimeModelCoversThreeHalfPeriodsAfterTheReferenceAndOneHalfB
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const auto found = inspectWords(hitsAround(c.before, c.reference, c.after));
+        const auto found = surveyWords(hitsAround(c.before, c.reference, c.after));
         EXPECT_EQ(found.exceeds_timeModel(), c.exceeds);
         EXPECT_EQ(found.earliestHit_ticks, (c.before.empty() ? c.after : c.before).front());
         EXPECT_EQ(found.latestHit_ticks, (c.after.empty() ? c.before : c.after).back());
     }
 }
 
-TEST(Tpx3Inspection, FollowsRolloversAndMeasuresDisorderAgainstTheLatestHit) {
+TEST(Tpx3Survey, FollowsRolloversAndMeasuresDisorderAgainstTheLatestHit) {
     const struct {
         std::vector<long> times;
         u64 outOfOrder;
@@ -86,7 +86,7 @@ TEST(Tpx3Inspection, FollowsRolloversAndMeasuresDisorderAgainstTheLatestHit) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.times.size());
-        const auto found = inspectWords(hitsAround(c.times, false, {}));
+        const auto found = surveyWords(hitsAround(c.times, false, {}));
         EXPECT_EQ(found.outOfOrderHits, c.outOfOrder);
         EXPECT_EQ(found.largestLag_ticks, c.largestLag);
         EXPECT_EQ(found.timeSpan_ticks(), c.span);
@@ -94,13 +94,13 @@ TEST(Tpx3Inspection, FollowsRolloversAndMeasuresDisorderAgainstTheLatestHit) {
     }
 }
 
-TEST(Tpx3Inspection, CountsByKindAndChipAndKeepsThemWhenTheStructureBreaks) {
+TEST(Tpx3Survey, CountsByKindAndChipAndKeepsThemWhenTheStructureBreaks) {
     std::vector<u64> words = chunk({pixelWord(3, 4, 10, 0), pixelWord(3, 4, 20, 0), pixelWord(5, 6, 30, 0),
                                     tdcWord(1, 1, 0xF), tdcWord(2, 1, 0xA), tdcWord(3, 1, 0xE), tdcWord(4, 1, 0xB),
                                     tdcWord(5, 1, 0x6), globalLow(7), globalHigh(1), 0x7000000000000000ULL});
     words[0] |= u64{2} << 32;                                                             // chip 2, in header byte 4
     words.insert(words.end(), {chunkHeader(8), pixelWord(5, 6, 40, 0), chunkHeader(16)}); // the last claims 2 packets
-    const auto found = inspectWords(words);
+    const auto found = surveyWords(words);
 
     EXPECT_EQ(found.structureError, "End of data reached before block is complete!");
     EXPECT_EQ(found.chunks, 2u);

@@ -82,7 +82,7 @@ enum class TdcKind : std::size_t { tdc1Rising, tdc1Falling, tdc2Rising, tdc2Fall
 /// Pixel times are unfolded over every rollover of the 34-bit pixel clock (see `TimeUnfolding`) and, once
 /// the first global timestamp is known, placed on its clock as the decoder places them; TDC times likewise
 /// with their 36-bit period. "Out of time order" compares each hit with the latest hit before it in the file.
-struct Tpx3Inspection {
+struct Tpx3Survey {
     struct PixelHits {
         int x;
         int y;
@@ -147,10 +147,10 @@ struct Tpx3Inspection {
     }
 };
 
-/// Gathers a `Tpx3Inspection` chunk by chunk, in file order; memory does not grow with the recording.
-class Tpx3Inspector {
+/// Gathers a `Tpx3Survey` chunk by chunk, in file order; memory does not grow with the recording.
+class Tpx3Surveyor {
 public:
-    explicit Tpx3Inspector(std::uint64_t size_bytes) { result.size_bytes = size_bytes; }
+    explicit Tpx3Surveyor(std::uint64_t size_bytes) { result.size_bytes = size_bytes; }
 
     void add_chunk(std::uint64_t headerWord, const std::uint64_t* first, const std::uint64_t* last) {
         ++result.chunks;
@@ -161,7 +161,7 @@ public:
     }
 
     /// The result; the busiest pixels are ranked here, so call it once, at the end.
-    [[nodiscard]] Tpx3Inspection finish() {
+    [[nodiscard]] Tpx3Survey finish() {
         result.earliestHit_ticks = pixelTimes.earliest;
         result.latestHit_ticks = pixelTimes.latest;
         result.earliestTdc_ticks = tdcTimes.earliest;
@@ -226,7 +226,7 @@ private:
         }
     }
 
-    Tpx3Inspection result;
+    Tpx3Survey result;
     std::vector<std::uint64_t> hitsPerPixel = std::vector<std::uint64_t>(detectorSide * detectorSide, 0);
     TimeUnfolding<tpx3::pixelPeriod_ticks> pixelTimes;
     TimeUnfolding<tpx3::tdcPeriod_ticks> tdcTimes;
@@ -234,21 +234,21 @@ private:
 };
 
 /// Inspects a recording in one streaming pass. A structural error that `vundrel` would report ends the pass:
-/// it is a finding, kept in `structureError` beside what was seen before it, not a failure of the inspection.
+/// it is a finding, kept in `structureError` beside what was seen before it, not a failure of the survey.
 /// Errors in reading the file are failures and are thrown.
-[[nodiscard]] inline Tpx3Inspection inspect_tpx3(const Tpx3InputFile& file) {
-    Tpx3Inspector inspector(file.size_bytes());
+[[nodiscard]] inline Tpx3Survey survey_tpx3(const Tpx3InputFile& file) {
+    Tpx3Surveyor surveyor(file.size_bytes());
     try {
         // The walk hands each chunk's packet words in place, right behind the chunk's header word.
         for_eachChunk_tpx3(file, [&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t) {
-            inspector.add_chunk(first[-1], first, last);
+            surveyor.add_chunk(first[-1], first, last);
         });
     } catch (const std::invalid_argument&) {
         throw; // the file could not be read as it was
     } catch (const std::logic_error& error) {
-        inspector.set_structureError(error.what());
+        surveyor.set_structureError(error.what());
     }
-    return inspector.finish();
+    return surveyor.finish();
 }
 
 } // namespace kavot_tpx3spidr
