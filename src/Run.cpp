@@ -166,8 +166,7 @@ void run_processingSequence(const Parameters& parameters,
     PhotonSink sink{output.writer ? &*output.writer : nullptr, image ? &*image : nullptr,
                     progress ? &*progress : nullptr, 0};
     const unsigned workers = usableCpus();
-    const std::vector<Tpx3Part> parts = workers > 1 ? plan_parts(census, partSize_hits(census))
-                                                    : std::vector<Tpx3Part>{{std::nullopt, 0, noTime_ticks}};
+    const std::vector<Tpx3Part> parts = workers > 1 ? plan_parts(census, partSize_hits(census)) : Tpx3Part::whole();
     cluster_inParts<useGlobalTime>(
         input, census, parts, reconstruction.dTime.get_value(), workers, spillFolder(outputPath), waitingHits_limit,
         [&](auto& sequence, auto& photons) {

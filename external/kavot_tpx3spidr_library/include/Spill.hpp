@@ -1,7 +1,6 @@
 #pragma once
 
 #include <algorithm>
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -12,6 +11,8 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+
+#include "FileTransfer.hpp"
 
 namespace kavot_tpx3spidr {
 
@@ -52,34 +53,21 @@ public:
     [[nodiscard]] std::uint64_t size_bytes() const noexcept { return size; }
 
     void append(const void* bytes, std::size_t n) {
-        const auto* at = static_cast<const char*>(bytes);
-        while (n > 0) {
-            const ssize_t written = ::pwrite(fd, at, n, static_cast<off_t>(size));
-            if (written < 0 && errno == EINTR) {
-                continue;
-            }
-            if (written <= 0) {
-                throw failed();
-            }
-            at += written;
-            n -= static_cast<std::size_t>(written);
-            size += static_cast<std::uint64_t>(written);
+        const auto* from = static_cast<const char*>(bytes);
+        if (!transfer_all(n, [&](std::size_t done) {
+                return ::pwrite(fd, from + done, n - done, static_cast<off_t>(size + done));
+            })) {
+            throw failed();
         }
+        size += n;
     }
 
     void read(std::uint64_t offset, void* bytes, std::size_t n) const {
-        auto* at = static_cast<char*>(bytes);
-        while (n > 0) {
-            const ssize_t got = ::pread(fd, at, n, static_cast<off_t>(offset));
-            if (got < 0 && errno == EINTR) {
-                continue;
-            }
-            if (got <= 0) {
-                throw failed();
-            }
-            at += got;
-            n -= static_cast<std::size_t>(got);
-            offset += static_cast<std::uint64_t>(got);
+        auto* to = static_cast<char*>(bytes);
+        if (!transfer_all(n, [&](std::size_t done) {
+                return ::pread(fd, to + done, n - done, static_cast<off_t>(offset + done));
+            })) {
+            throw failed();
         }
     }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
@@ -9,6 +8,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "FileTransfer.hpp"
 
 namespace kavot_tpx3spidr {
 
@@ -43,20 +44,11 @@ public:
 
     /// Reads `count` words from word `first` on. Safe to call from several threads at once.
     void read_words(std::uint64_t first, std::size_t count, std::uint64_t* destination) const {
-        auto* bytes = reinterpret_cast<char*>(destination);
-        std::size_t left = count * 8;
-        auto offset = static_cast<off_t>(first * 8);
-        while (left > 0) {
-            const ssize_t got = ::pread(fd, bytes, left, offset);
-            if (got < 0 && errno == EINTR) {
-                continue;
-            }
-            if (got <= 0) {
-                throw changed();
-            }
-            bytes += got;
-            left -= static_cast<std::size_t>(got);
-            offset += got;
+        auto* to = reinterpret_cast<char*>(destination);
+        if (!transfer_all(count * 8, [&](std::size_t done) {
+                return ::pread(fd, to + done, count * 8 - done, static_cast<off_t>(first * 8 + done));
+            })) {
+            throw changed();
         }
     }
 

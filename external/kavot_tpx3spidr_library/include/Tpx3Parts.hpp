@@ -43,6 +43,9 @@ struct Tpx3Part {
     std::optional<long> start;
     std::size_t firstBlock;
     long latestBefore;
+
+    /// The plan of a recording clustered as one part.
+    [[nodiscard]] static std::vector<Tpx3Part> whole() { return {{std::nullopt, 0, noTime_ticks}}; }
 };
 
 /// Parts large enough that starting one costs little next to clustering it: at least 1 M activations and 8
@@ -59,7 +62,7 @@ namespace detail {
 [[nodiscard]] inline std::optional<std::vector<Tpx3Part>> plan_partsOf(const Tpx3Census& census,
                                                                        std::uint64_t hitsPerPart) {
     const std::vector<Tpx3Block>& blocks = census.blocks;
-    std::vector<Tpx3Part> parts{{std::nullopt, 0, noTime_ticks}};
+    std::vector<Tpx3Part> parts = Tpx3Part::whole();
     std::uint64_t inPart = 0;
     for (std::size_t b = 0; b + 1 < blocks.size(); ++b) {
         inPart += blocks[b].pixelCount;
@@ -111,7 +114,7 @@ namespace detail {
     for (std::uint64_t size = std::max<std::uint64_t>(hitsPerPart, 1);; size *= 2) {
         std::optional<std::vector<Tpx3Part>> parts = detail::plan_partsOf(census, size);
         if (parts || size >= census.pixelCount) {
-            return parts ? std::move(*parts) : std::vector<Tpx3Part>{{std::nullopt, 0, noTime_ticks}};
+            return parts ? std::move(*parts) : Tpx3Part::whole();
         }
     }
 }
