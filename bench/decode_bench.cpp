@@ -25,7 +25,7 @@ static void HitSource(benchmark::State& state) {
     const auto& file = benchdata::recordingFile(static_cast<std::size_t>(state.range(0)), shape);
     const Tpx3Census census = census_tpx3<true>(file.input());
     for (auto _ : state) {
-        Tpx3HitSource<true> source(file.input(), census);
+        Tpx3HitSource source(file.input(), census, Tpx3ScaleDecoding<true>(census));
         long sum = 0;
         for (std::size_t j = 0; source.has(j); ++j) {
             sum += source[j].get_toa().get_value();
@@ -38,6 +38,7 @@ static void HitSource(benchmark::State& state) {
 BENCHMARK(HitSource)->ArgsProduct({{1 << 23}, {0, 1, 2}})->Unit(benchmark::kMillisecond);
 
 struct CountingSink {
+    using Record = PhotonEvent_type;
     std::size_t photons = 0;
     void push(const PhotonEvent_type& /*photon*/) { ++photons; }
 };
@@ -47,7 +48,7 @@ static void HitSourceFullChain(benchmark::State& state) {
     const auto& file = benchdata::recordingFile(static_cast<std::size_t>(state.range(0)));
     const Tpx3Census census = census_tpx3<true>(file.input());
     for (auto _ : state) {
-        Tpx3HitSource<true> source(file.input(), census);
+        Tpx3HitSource source(file.input(), census, Tpx3ScaleDecoding<true>(census));
         CountingSink sink;
         reconstruct_photonEvents_fullChain_direct(source, benchdata::defaults, sink);
         benchmark::DoNotOptimize(sink.photons);

@@ -39,6 +39,8 @@ std::string secondsSince(std::time_t start) {
 /// Every photon of the run goes to the photon file and the image as it is found, and tells the progress line
 /// (if any) how far the run has come.
 struct PhotonSink {
+    using Record = PhotonEvent_type;
+
     PhotonFileWriter* file = nullptr;
     Image_2D_Photons* image = nullptr;
     ProgressLine* progress = nullptr;
@@ -167,8 +169,9 @@ void run_processingSequence(const Parameters& parameters,
                     progress ? &*progress : nullptr, 0};
     const unsigned workers = usableCpus();
     const std::vector<Tpx3Part> parts = workers > 1 ? plan_parts(census, partSize_hits(census)) : Tpx3Part::whole();
-    cluster_inParts<useGlobalTime>(
-        input, census, parts, reconstruction.dTime.get_value(), workers, spillFolder(outputPath), waitingHits_limit,
+    cluster_inParts(
+        input, census, Tpx3ScaleDecoding<useGlobalTime>(census), parts, reconstruction.dTime.get_value(), workers,
+        spillFolder(outputPath), waitingHits_limit,
         [&](auto& sequence, auto& photons) {
             reconstruct_photonEvents_into(algorithm, sequence, reconstruction, photons);
         },

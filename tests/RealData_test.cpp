@@ -53,7 +53,7 @@ void checkDecoded(const std::filesystem::path& file, const Counts& counts) {
     const Tpx3InputFile input(file.string());
     const Tpx3Census census = census_tpx3<useGlobalTime>(input);
     EXPECT_EQ(census.tdcTriggers.to_vector(), data.get_tdc1Triggers());
-    Tpx3HitSource<useGlobalTime> source(input, census);
+    Tpx3HitSource source(input, census, Tpx3ScaleDecoding<useGlobalTime>(census));
     std::size_t k = 0;
     for (; source.has(k); ++k) {
         ASSERT_LT(k, data.size());
@@ -71,9 +71,10 @@ void checkDecoded(const std::filesystem::path& file, const Counts& counts) {
         VectorPhotonSink expected;
         reconstruct_photonEvents_into(algorithm, whole, p, expected);
         VectorPhotonSink inParts;
-        cluster_inParts<useGlobalTime>(
-            input, census, plan_parts(census, 1), p.dTime.get_value(), 3, "", 1 << 21,
-            [&](auto& sequence, auto& sink) { reconstruct_photonEvents_into(algorithm, sequence, p, sink); }, inParts);
+        cluster_inParts(
+            input, census, Tpx3ScaleDecoding<useGlobalTime>(census), plan_parts(census, 1), p.dTime.get_value(), 3, "",
+            1 << 21, [&](auto& sequence, auto& sink) { reconstruct_photonEvents_into(algorithm, sequence, p, sink); },
+            inParts);
         EXPECT_EQ(inParts.photons, expected.photons) << static_cast<int>(algorithm);
     }
 }

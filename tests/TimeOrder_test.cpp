@@ -145,7 +145,7 @@ TEST(Tpx3Parts, StreamedSpilledAndInPartsGiveTheDataSetOrderAndPhotons) {
         ASSERT_GE(census.blocks.size(), 2u);
         const auto data = Data_Tpx3Spidr::make_from_file_tpx3spidr<true>(dir / "r.tpx3");
         DataSetSequence inMemory(data);
-        Tpx3HitSource<true> source(file, census);
+        Tpx3HitSource source(file, census, Tpx3ScaleDecoding<true>(census));
         ASSERT_EQ(all(source), all(inMemory));
         const auto parts = plan_parts(census, 1);
         const std::string name = shape.name;
@@ -161,13 +161,13 @@ TEST(Tpx3Parts, StreamedSpilledAndInPartsGiveTheDataSetOrderAndPhotons) {
                 VectorPhotonSink expected;
                 reconstruct_photonEvents_into(algorithm, whole, p, expected);
                 VectorPhotonSink inParts;
-                cluster_inParts<true>(
-                    file, census, parts, dT, 3, dir.path.string(), 1 << 16,
+                cluster_inParts(
+                    file, census, Tpx3ScaleDecoding<true>(census), parts, dT, 3, dir.path.string(), 1 << 16,
                     [&](auto& sequence, auto& sink) { reconstruct_photonEvents_into(algorithm, sequence, p, sink); },
                     inParts);
                 ASSERT_EQ(inParts.photons, expected.photons);
                 if (dT == 64) {
-                    Tpx3HitSource<true> spilling(file, census, spill.path.string(), 1000);
+                    Tpx3HitSource spilling(file, census, Tpx3ScaleDecoding<true>(census), spill.path.string(), 1000);
                     VectorPhotonSink streamed;
                     reconstruct_photonEvents_into(algorithm, spilling, p, streamed);
                     ASSERT_EQ(streamed.photons, expected.photons);
@@ -191,7 +191,7 @@ TEST(Tpx3Parts, PlanCutsAtBlocksUnlessTheOrderIsFarFromTheFiles) {
                 later = std::min(later, first(c));
             }
             const long last = reversed ? first(b) + 99 : 100 * b + 99;
-            census.blocks.push_back({0, 0, 10, latest, std::max(latest, last), later});
+            census.blocks.push_back({0, 0, 10, latest, std::max(latest, last), later, 0});
             latest = std::max(latest, last);
         }
         return census;
@@ -239,7 +239,7 @@ TEST(Tpx3HitSource, RefusesAFileThatChangedSinceItsCensus) {
     const Tpx3InputFile shrinks(dir / "shrinks.tpx3");
     const Tpx3Census census = census_tpx3<true>(shrinks);
     ASSERT_EQ(truncate((dir / "shrinks.tpx3").c_str(), static_cast<off_t>(words.size() * 4)), 0);
-    Tpx3HitSource<true> source(shrinks, census);
+    Tpx3HitSource source(shrinks, census, Tpx3ScaleDecoding<true>(census));
     EXPECT_THROW_MESSAGE(source.has(census.pixelCount - 1), std::invalid_argument, changed(dir / "shrinks.tpx3"));
     // Rewritten in place with other packets: the blocks or the modification time tell.
     writeWords(dir / "rewritten.tpx3", words);

@@ -131,7 +131,9 @@ void export_hits(const std::string& input, const std::string& output) {
         BatchedColumn<std::uint16_t> y(group.get(), "y", census.pixelCount, "px");
         BatchedColumn<std::int64_t> toa(group.get(), "toa", census.pixelCount, "ticks");
         BatchedColumn<std::uint16_t> tot(group.get(), "tot", census.pixelCount, "25ns");
-        kavot_tpx3spidr::Tpx3HitSource<useGlobalTime> hits(recording, census, spillFolder, waitingHits_limit);
+        kavot_tpx3spidr::Tpx3HitSource hits(recording, census,
+                                            kavot_tpx3spidr::Tpx3ScaleDecoding<useGlobalTime>(census), spillFolder,
+                                            waitingHits_limit);
         for (std::size_t k = 0; hits.has(k); ++k) {
             const auto& hit = hits[k];
             x.push(static_cast<std::uint16_t>(hit.get_x_px()));

@@ -64,7 +64,7 @@ void decodeAndCluster(const std::vector<std::uint64_t>& words, const std::string
     const ReconstructionParameters_PhotonEvents parameters{2.0, Time(64), 1, 200, 1.0, 1e9, true};
     for (const Algorithm algorithm :
          {Algorithm::fullChain_direct, Algorithm::checkNextOnly, Algorithm::forwardChain_pixelBuildup}) {
-        Tpx3HitSource<useGlobalTime> streamed(file, *census);
+        Tpx3HitSource streamed(file, *census, Tpx3ScaleDecoding<useGlobalTime>(*census));
         DataSetSequence inMemory(data);
         VectorPhotonSink photons, streamedPhotons;
         reconstruct_photonEvents_into(algorithm, inMemory, parameters, photons);
@@ -74,7 +74,7 @@ void decodeAndCluster(const std::vector<std::uint64_t>& words, const std::string
             require(photons.photons[k - 1].toa <= photons.photons[k].toa);
         }
     }
-    Tpx3HitSource<useGlobalTime> streamed(file, *census);
+    Tpx3HitSource streamed(file, *census, Tpx3ScaleDecoding<useGlobalTime>(*census));
     for (std::size_t k = 0; k < data.size(); ++k) {
         require(streamed.has(k) && streamed[k] == data[k]);
         require(data[k].get_x_px() >= 0 && data[k].get_x_px() <= 255 && data[k].get_y_px() <= 255);

@@ -33,6 +33,7 @@ private:
 
 /// Collects the photons in a list.
 struct VectorPhotonSink {
+    using Record = PhotonEvent_type;
     void push(const PhotonEvent_type& photon) { photons.push_back(photon); }
     std::vector<PhotonEvent_type> photons;
 };

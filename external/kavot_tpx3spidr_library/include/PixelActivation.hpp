@@ -6,16 +6,20 @@
 
 namespace kavot_tpx3spidr {
 
-/// One hit of one pixel: column, row, time of arrival and the raw time over threshold.
+/// One hit of one pixel: column, row, time of arrival and the raw time over threshold, and the chip (chunk header
+/// byte 4) it came from. Column and row are the chip's own (0 to 255), or canvas coordinates where a layout
+/// places several chips side by side.
 class PixelActivation {
 public:
-    PixelActivation(short x_, short y_, Time toa_, std::uint16_t tot_) noexcept : x(x_), y(y_), tot(tot_), toa(toa_) {}
+    PixelActivation(short x_, short y_, Time toa_, std::uint16_t tot_, std::uint8_t chip_ = 0) noexcept
+        : x(x_), y(y_), tot(tot_), chip(chip_), toa(toa_) {}
 
     [[nodiscard]] const short& get_x_px() const noexcept { return x; }
     [[nodiscard]] const short& get_y_px() const noexcept { return y; }
     [[nodiscard]] const Time& get_toa() const noexcept { return toa; }
     [[nodiscard]] Time& get_toa() noexcept { return toa; }
     [[nodiscard]] const std::uint16_t& get_tot() const noexcept { return tot; }
+    [[nodiscard]] std::uint8_t get_chip() const noexcept { return chip; }
 
     [[nodiscard]] int calcDist_x_px(const PixelActivation& other) const noexcept {
         const int d = int{x} - int{other.x};
@@ -42,11 +46,13 @@ public:
     friend bool operator==(const PixelActivation&, const PixelActivation&) = default;
 
 private:
-    // Declared with tot before toa: the record packs into 16 bytes instead of 24, which every decoded hit pays
-    // for in fresh memory. Construction, accessors and comparisons are unaffected by the declaration order.
+    // Declared with tot and chip before toa: the record packs into 16 bytes instead of 24, which every decoded hit
+    // pays for in fresh memory (the chip takes what was padding). Construction, accessors and comparisons are
+    // unaffected by the declaration order.
     short x;
     short y;
     std::uint16_t tot;
+    std::uint8_t chip;
     Time toa;
 };
 

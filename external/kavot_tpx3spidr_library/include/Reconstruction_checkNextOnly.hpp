@@ -38,7 +38,7 @@ void reconstruct_photonEvents_checkNextOnly(Sequence& sequence,
         }
         const double meanWeight = static_cast<double>(chain.weightSum / chain.nPx);
         if (accept_chain(chain, meanWeight, parameters)) {
-            sink.push(photonEvent_fromChain(chain));
+            emit_photon(sink, chain);
         }
         s = j;
     }

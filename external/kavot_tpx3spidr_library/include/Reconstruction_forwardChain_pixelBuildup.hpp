@@ -9,6 +9,7 @@
 
 #include "ClusterSteps.hpp"
 #include "PixelActivationChain.hpp"
+#include "PixelTable.hpp"
 #include "ReconstructionParameters_PhotonEvents.hpp"
 #include "SlidingTable.hpp"
 #include "Tpx3DataSet.hpp"
@@ -17,7 +18,7 @@ namespace kavot_tpx3spidr {
 
 namespace forwardChainSearch {
 
-/// The position of the latest activation on every pixel of the detector, and the pixels within a distance d.
+/// The position of the latest activation on every pixel of the canvas, and the pixels within a distance d.
 class PixelLatest {
 public:
     explicit PixelLatest(short d_) : d(d_ < 0 ? -std::int64_t{d_} : std::int64_t{d_}) {
@@ -29,27 +30,26 @@ public:
                     }
                 }
             }
-            positionPlusOne.assign(detectorPixels * detectorPixels, 0);
         }
     }
 
     /// Whether looking up the disc costs less than walking back through `within` activations.
-    [[nodiscard]] bool worthLookingUp(std::size_t within, const PixelActivation& at) const noexcept {
-        return usable && !disc.empty() && within > 2 * disc.size() && inRange(at.get_x_px(), at.get_y_px());
+    [[nodiscard]] bool worthLookingUp(std::size_t within) const noexcept {
+        return usable && !disc.empty() && within > 2 * disc.size();
     }
 
     /// The largest position among the latest activations of the disc's pixels around `at` for which
-    /// `qualifies(position)` holds.
+    /// `qualifies(position)` holds. A pixel beyond the table has had no activation.
     template <typename Qualifies>
     [[nodiscard]] std::optional<std::size_t> mostRecent(const PixelActivation& at, Qualifies&& qualifies) const {
         std::optional<std::size_t> found;
         for (const auto& [dx, dy] : disc) {
             const std::int64_t x = at.get_x_px() + dx;
             const std::int64_t y = at.get_y_px() + dy;
-            if (!inRange(x, y)) {
+            if (!positionPlusOne.holds(x, y)) {
                 continue;
             }
-            const std::size_t stored = positionPlusOne[static_cast<std::size_t>(y * detectorPixels + x)];
+            const std::size_t stored = positionPlusOne.at(x, y);
             if (stored != 0 && (!found || stored - 1 > *found) && qualifies(stored - 1)) {
                 found = stored - 1;
             }
@@ -58,27 +58,22 @@ public:
     }
 
     void set(const PixelActivation& activation, std::size_t position) {
-        if (positionPlusOne.empty()) {
+        if (disc.empty() || !usable) {
             return;
         }
-        if (!inRange(activation.get_x_px(), activation.get_y_px())) {
-            usable = false; // a pixel outside the detector: the table cannot hold it
+        if (!positionPlusOne.reach(activation.get_x_px(), activation.get_y_px())) {
+            usable = false; // a pixel that no canvas has: the table cannot hold it
             return;
         }
-        positionPlusOne[static_cast<std::size_t>(activation.get_y_px() * detectorPixels + activation.get_x_px())] =
-            position + 1;
+        positionPlusOne.at(activation.get_x_px(), activation.get_y_px()) = position + 1;
     }
 
 private:
     static constexpr std::int64_t maxTableDistance = 16;
-    static constexpr std::int64_t detectorPixels = 256;
-    [[nodiscard]] static bool inRange(std::int64_t x, std::int64_t y) noexcept {
-        return x >= 0 && y >= 0 && x < detectorPixels && y < detectorPixels;
-    }
 
     std::int64_t d;
     std::vector<std::pair<std::int64_t, std::int64_t>> disc;
-    std::vector<std::size_t> positionPlusOne; ///< per pixel, row by row; 0 before its first activation
+    PixelTable<std::size_t> positionPlusOne; ///< per pixel; 0 before its first activation
     bool usable = true;
 };
 
@@ -113,7 +108,7 @@ void reconstruct_photonEvents_forwardChain_pixelBuildup(Sequence& sequence,
     SlidingTable<std::size_t> chainOfPixel(0);
     const auto emit = [&](const OpenChain& open) {
         if (accept_chain(open.chain, static_cast<double>(open.chain.weightSum), parameters)) {
-            sink.push(photonEvent_fromChain(open.chain));
+            emit_photon(sink, open.chain);
         }
     };
     std::size_t oldestNeeded = 0; // the backward search never reads before this position
@@ -134,7 +129,7 @@ void reconstruct_photonEvents_forwardChain_pixelBuildup(Sequence& sequence,
         chainOfPixel.discardBefore(oldestNeeded);
 
         std::optional<std::size_t> neighbour;
-        if (latest.worthLookingUp(i - oldestNeeded, P)) {
+        if (latest.worthLookingUp(i - oldestNeeded)) {
             neighbour = latest.mostRecent(
                 P, [&](std::size_t k) { return k >= oldestNeeded && ti - sequence[k].get_toa().get_value() <= dT; });
         } else {

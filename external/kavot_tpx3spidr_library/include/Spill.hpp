@@ -62,6 +62,14 @@ public:
         size += n;
     }
 
+    /// Keeps the first `bytes` bytes and drops the rest.
+    void truncate(std::uint64_t bytes) {
+        if (::ftruncate(fd, static_cast<off_t>(bytes)) != 0) {
+            throw failed();
+        }
+        size = bytes;
+    }
+
     void read(std::uint64_t offset, void* bytes, std::size_t n) const {
         auto* to = static_cast<char*>(bytes);
         if (!transfer_all(n, [&](std::size_t done) {
@@ -103,6 +111,18 @@ public:
     }
 
     [[nodiscard]] std::size_t size() const noexcept { return spilled + inMemory.size(); }
+
+    /// Keeps the first `count` values and drops the rest.
+    void truncate(std::size_t count) {
+        if (count >= spilled) {
+            const std::size_t keep = std::min(inMemory.size(), count - spilled);
+            inMemory.erase(inMemory.begin() + static_cast<std::ptrdiff_t>(keep), inMemory.end());
+            return;
+        }
+        file->truncate(count * sizeof(T));
+        spilled = count;
+        inMemory.clear();
+    }
 
     /// Calls `consume(value)` for every value, in order.
     template <typename Consume>

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -11,6 +12,7 @@
 
 #include "Spill.hpp"
 #include "TimeOrder.hpp"
+#include "Tpx3ChipClocks.hpp"
 #include "Tpx3Chunks.hpp"
 #include "Tpx3InputFile.hpp"
 #include "Tpx3Packet.hpp"
@@ -32,6 +34,7 @@ struct Tpx3Block {
     /// The smallest repaired pixel time of all later blocks (the largest long when there are none): no
     /// activation decoded after this block is earlier.
     long minAfter;
+    std::uint64_t triggersBefore; ///< trigger times found before the block
 };
 
 /// What the first pass over a recording finds: the structure is valid (every structural error of the
@@ -43,15 +46,17 @@ struct Tpx3Census {
     std::uint64_t reference_ticks = 0; ///< the first global timestamp; 0 when the raw times are used
     SpillingList<Time> tdcTriggers;
     std::vector<Tpx3Block> blocks;
+    std::array<bool, 256> chipsSeen{}; ///< by chunk header byte 4
+    Tpx3ChipClockFacts clocks;         ///< with a clock per chip only (see `Tpx3ChipClockCensus`)
 };
 
-/// The first global timestamp in ticks (25 ns units times 16), found by walking the chunks up to it. `walk`
-/// calls a chunk handler as `for_eachChunk_tpx3` does (and checks the structure on the way).
+/// The first global timestamp in ticks (25 ns units times 16), found by walking the chunks up to it. `walk(from,
+/// onChunk)` calls a chunk handler as `for_eachChunk_tpx3` does (and checks the structure on the way).
 template <typename Walk>
 [[nodiscard]] std::optional<std::uint64_t> firstGlobalTimestamp_tpx3(Walk&& walk) {
     std::optional<std::uint64_t> found;
     std::uint64_t latestLow = 0; // a high part before any low part completes a timestamp with low part 0
-    walk([&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t /*header*/) {
+    walk(0, [&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t /*header*/) {
         for (const std::uint64_t* p = first; p != last; ++p) {
             if (tpx3::packetType(*p) != tpx3::type_globalTime) {
                 continue;
@@ -81,10 +86,63 @@ constexpr std::size_t triggersInMemory = std::size_t{1} << 20;
     return std::max(smallest, (size_words + mostBlocks - 1) / mostBlocks);
 }
 
-/// The census of a recording: `walk(onChunk)` walks its chunks as `for_eachChunk_tpx3` does, `read(first,
-/// count, destination)` reads words again, `size_words` is its length. With `useGlobalTime` the first global
-/// timestamp is found first (a short walk for a real recording, which starts with one), because every time is
-/// placed around it; a recording without one is refused, once its whole structure has been checked.
+/// The census with the first global timestamp as the one reference of every time (`useGlobalTime`), or with the
+/// raw times; the pixel times are repaired for one rollover of the pixel clock.
+template <bool useGlobalTime>
+class TimeScaleCensus {
+public:
+    static constexpr bool repairsRollover = true;
+
+    /// With `useGlobalTime` the first global timestamp is found first (a short walk for a real recording, which
+    /// starts with one), because every time is placed around it; a recording without one is refused, once its
+    /// whole structure has been checked.
+    template <typename Walk>
+    void prepare(Walk& walk, Tpx3Census& census) {
+        if constexpr (useGlobalTime) {
+            const std::optional<std::uint64_t> reference = firstGlobalTimestamp_tpx3(walk);
+            if (!reference) {
+                throw std::invalid_argument("Supplied file does not contain a global timestamp!");
+            }
+            census.reference_ticks = *reference;
+        }
+        timeScale = Tpx3TimeScale<useGlobalTime>(census.reference_ticks);
+    }
+    void begin_block(Tpx3Census& /*census*/) const noexcept {}
+    [[nodiscard]] PacketSummary chunk(std::uint64_t /*header*/,
+                                      std::uint64_t /*headerIndex*/,
+                                      const std::uint64_t* first,
+                                      const std::uint64_t* last,
+                                      Tpx3Census& census) {
+        const PacketSummary summary = timeScale.summarize(first, static_cast<std::size_t>(last - first));
+        if (summary.tdcs > 0) {
+            for (const std::uint64_t* p = first; p != last; ++p) {
+                if (tpx3::packetType(*p) == tpx3::type_tdc) {
+                    census.tdcTriggers.push_back(timeScale.tdcTime(tpx3::decode_tdcTime(*p)));
+                }
+            }
+        }
+        return summary;
+    }
+    /// Never: one reference holds for the whole recording.
+    [[nodiscard]] std::optional<std::uint64_t> rewindWord() const noexcept { return std::nullopt; }
+    template <typename Walk>
+    void rewind(std::size_t /*block*/, Walk& /*walk*/, Tpx3Census& /*census*/) const noexcept {}
+
+    /// The repaired time of every pixel of whole chunks, for a block that needs the repair hit by hit.
+    template <typename OnTime>
+    void repairedTimes(const std::uint64_t* words, std::size_t count, long& latest, OnTime&& onTime) const {
+        for_eachPixel_repaired(words, count, timeScale, latest,
+                               [&](const tpx3::PixelFields&, long time, unsigned /*chip*/) { onTime(time); });
+    }
+
+private:
+    Tpx3TimeScale<useGlobalTime> timeScale{0};
+};
+
+/// The census of a recording: `walk(from, onChunk)` walks its chunks from word `from` on as `for_eachChunk_tpx3`
+/// does, `read(first, count, destination)` reads words again, `size_words` is its length. `clock` turns the
+/// packets' raw times into the decode's (`TimeScaleCensus`, or `Tpx3ChipClockCensus`, which may ask to walk
+/// again from an earlier block: a heartbeat it used turned out stale).
 ///
 /// The rollover repair is a running maximum through every pixel time, but a block needs it hit by hit only
 /// where it can act: when the block's times all lie within 2^33 ticks of the largest of them and of the latest
@@ -92,65 +150,77 @@ constexpr std::size_t triggersInMemory = std::size_t{1} << 20;
 /// smallest time is its smallest raw one and the running maximum goes on from the largest. So each chunk is
 /// only summed up (counts, smallest and largest time, in vector code), and a block is decoded hit by hit only
 /// where that test fails.
-template <bool useGlobalTime, typename Walk, typename Read>
-[[nodiscard]] Tpx3Census census(Walk&& walk, Read&& read, std::uint64_t size_words, const std::string& spillFolder) {
+template <typename Clock, typename Walk, typename Read>
+[[nodiscard]] Tpx3Census
+census(Clock& clock, Walk&& walk, Read&& read, std::uint64_t size_words, const std::string& spillFolder) {
     Tpx3Census census;
     if (!spillFolder.empty()) {
         census.tdcTriggers = SpillingList<Time>(spillFolder, triggersInMemory);
     }
-    if constexpr (useGlobalTime) {
-        const std::optional<std::uint64_t> reference = firstGlobalTimestamp_tpx3(walk);
-        if (!reference) {
-            throw std::invalid_argument("Supplied file does not contain a global timestamp!");
-        }
-        census.reference_ticks = *reference;
-    }
-    const Tpx3TimeScale<useGlobalTime> timeScale(census.reference_ticks);
+    clock.prepare(walk, census);
     const std::uint64_t blockWords = detail::blockWords_for(size_words);
     long latest = noTime_ticks;
     PacketSummary block; // of the block being walked
+    bool blockOpen = false;
     std::vector<std::uint64_t> words;
     // Sets the block's own smallest time (kept in minAfter until the pass is over) and moves the running
     // maximum on past it.
     const auto finish = [&](Tpx3Block& last) {
         if (block.pixels > 0) {
             const long top = latest == noTime_ticks ? block.latest : std::max(latest, block.latest);
-            if (wrapping_sub(top, block.earliest) <= rolloverThreshold_ticks) {
+            if (!Clock::repairsRollover || wrapping_sub(top, block.earliest) <= rolloverThreshold_ticks) {
                 last.minAfter = block.earliest;
                 latest = top;
             } else {
                 words.resize(static_cast<std::size_t>(last.endWord - last.firstWord));
                 read(last.firstWord, words.size(), words.data());
-                for_eachPixel_repaired(
-                    words.data(), words.size(), timeScale, latest,
-                    [&](const tpx3::PixelFields&, long time) { last.minAfter = std::min(last.minAfter, time); });
+                clock.repairedTimes(words.data(), words.size(), latest,
+                                    [&](long time) { last.minAfter = std::min(last.minAfter, time); });
             }
         }
         last.latestAfter = latest;
+        blockOpen = false;
     };
-    walk([&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t header) {
-        if (census.blocks.empty() || header - census.blocks.back().firstWord >= blockWords) {
-            if (!census.blocks.empty()) {
-                finish(census.blocks.back());
-            }
-            census.blocks.push_back({header, header, 0, latest, latest, std::numeric_limits<long>::max()});
-            block = PacketSummary{};
-        }
-        const PacketSummary chunk = timeScale.summarize(first, static_cast<std::size_t>(last - first));
-        block.pixels += chunk.pixels;
-        block.earliest = std::min(block.earliest, chunk.earliest);
-        block.latest = std::max(block.latest, chunk.latest);
-        if (chunk.tdcs > 0) {
-            for (const std::uint64_t* p = first; p != last; ++p) {
-                if (tpx3::packetType(*p) == tpx3::type_tdc) {
-                    census.tdcTriggers.push_back(timeScale.tdcTime(tpx3::decode_tdcTime(*p)));
+    for (std::uint64_t from = 0;;) {
+        std::optional<std::uint64_t> back;
+        walk(from, [&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t header) {
+            census.chipsSeen[tpx3::chunkChip(first[-1])] = true;
+            if (census.blocks.empty() || header - census.blocks.back().firstWord >= blockWords) {
+                if (blockOpen) {
+                    finish(census.blocks.back());
                 }
+                census.blocks.push_back(
+                    {header, header, 0, latest, latest, std::numeric_limits<long>::max(), census.tdcTriggers.size()});
+                clock.begin_block(census);
+                block = PacketSummary{};
+                blockOpen = true;
             }
+            const PacketSummary chunk = clock.chunk(first[-1], header, first, last, census);
+            if ((back = clock.rewindWord())) {
+                return false;
+            }
+            block.pixels += chunk.pixels;
+            block.earliest = std::min(block.earliest, chunk.earliest);
+            block.latest = std::max(block.latest, chunk.latest);
+            census.blocks.back().pixelCount = block.pixels;
+            census.blocks.back().endWord = header + 1 + static_cast<std::uint64_t>(last - first);
+            return true;
+        });
+        if (!back) {
+            break;
         }
-        census.blocks.back().pixelCount = block.pixels;
-        census.blocks.back().endWord = header + 1 + static_cast<std::uint64_t>(last - first);
-    });
-    if (!census.blocks.empty()) {
+        // Everything from the block that holds the word on is found again; the blocks before it stand.
+        const auto holder = std::partition_point(census.blocks.begin(), census.blocks.end(),
+                                                 [&](const Tpx3Block& b) { return b.firstWord <= *back; });
+        const auto k = static_cast<std::size_t>(std::max<std::ptrdiff_t>(holder - census.blocks.begin() - 1, 0));
+        census.tdcTriggers.truncate(static_cast<std::size_t>(census.blocks[k].triggersBefore));
+        latest = census.blocks[k].latestBefore;
+        from = census.blocks[k].firstWord;
+        clock.rewind(k, walk, census);
+        census.blocks.resize(k);
+        blockOpen = false;
+    }
+    if (blockOpen) {
         finish(census.blocks.back());
     }
     long later = std::numeric_limits<long>::max();
@@ -166,25 +236,43 @@ template <bool useGlobalTime, typename Walk, typename Read>
 
 } // namespace detail
 
-/// The census of a recording file. Trigger times beyond a few million go to a temporary file in `spillFolder`
-/// (kept in memory without one).
-template <bool useGlobalTime>
-[[nodiscard]] Tpx3Census census_tpx3(const Tpx3InputFile& file, const std::string& spillFolder = "") {
-    return detail::census<useGlobalTime>([&](auto&& onChunk) { for_eachChunk_tpx3(file, onChunk); },
-                                         [&](std::uint64_t first, std::size_t count, std::uint64_t* destination) {
-                                             file.read_words(first, count, destination);
-                                         },
-                                         file.size_words(), spillFolder);
+/// The census of a recording file with `clock`. Trigger times beyond a few million go to a temporary file in
+/// `spillFolder` (kept in memory without one).
+template <typename Clock>
+[[nodiscard]] Tpx3Census census_tpx3(Clock& clock, const Tpx3InputFile& file, const std::string& spillFolder = "") {
+    return detail::census(
+        clock,
+        [&](std::uint64_t from, auto&& onChunk) { for_eachChunk_tpx3(file, onChunk, std::size_t{1} << 20, from); },
+        [&](std::uint64_t first, std::size_t count, std::uint64_t* destination) {
+            file.read_words(first, count, destination);
+        },
+        file.size_words(), spillFolder);
 }
 
 /// The census of a recording already in memory (the words are not modified).
+template <typename Clock>
+[[nodiscard]] Tpx3Census census_tpx3(Clock& clock, const std::uint64_t* data, std::size_t size) {
+    return detail::census(
+        clock, [&](std::uint64_t from, auto&& onChunk) { for_eachChunk_tpx3(data, size, onChunk, from); },
+        [&](std::uint64_t first, std::size_t count, std::uint64_t* destination) {
+            std::copy_n(data + first, count, destination);
+        },
+        size, "");
+}
+
+/// The census with the first global timestamp as the reference of every time (`useGlobalTime`), or with the raw
+/// times, of a recording file.
+template <bool useGlobalTime>
+[[nodiscard]] Tpx3Census census_tpx3(const Tpx3InputFile& file, const std::string& spillFolder = "") {
+    detail::TimeScaleCensus<useGlobalTime> clock;
+    return census_tpx3(clock, file, spillFolder);
+}
+
+/// The same census of a recording already in memory.
 template <bool useGlobalTime>
 [[nodiscard]] Tpx3Census census_tpx3(const std::uint64_t* data, std::size_t size) {
-    return detail::census<useGlobalTime>([&](auto&& onChunk) { for_eachChunk_tpx3(data, size, onChunk); },
-                                         [&](std::uint64_t first, std::size_t count, std::uint64_t* destination) {
-                                             std::copy_n(data + first, count, destination);
-                                         },
-                                         size, "");
+    detail::TimeScaleCensus<useGlobalTime> clock;
+    return census_tpx3(clock, data, size);
 }
 
 } // namespace kavot_tpx3spidr

@@ -43,10 +43,10 @@ bool continueAfter(OnChunk& onChunk, const std::uint64_t* first, const std::uint
 } // namespace detail
 
 /// Calls `onChunk(first, last, headerIndex)` with the packet words of every chunk of words in memory, in order,
-/// and the word index of the chunk's header.
+/// and the word index of the chunk's header; from the chunk at word `from` on (a chunk header).
 template <typename OnChunk>
-void for_eachChunk_tpx3(const std::uint64_t* data, std::size_t size, OnChunk&& onChunk) {
-    std::uint64_t i = 0;
+void for_eachChunk_tpx3(const std::uint64_t* data, std::size_t size, OnChunk&& onChunk, std::uint64_t from = 0) {
+    std::uint64_t i = from;
     while (i < size) {
         const std::uint64_t end = chunkEnd_checked(data[i], i, size);
         if (!detail::continueAfter(onChunk, data + i + 1, data + end, i)) {
@@ -60,17 +60,20 @@ void for_eachChunk_tpx3(const std::uint64_t* data, std::size_t size, OnChunk&& o
 constexpr std::size_t maxChunk_words = 1 + 0xFFFF / 8;
 
 /// Calls `onChunk(first, last, headerIndex)` for every chunk of a file, in order, with the packet words of the
-/// chunk and the word index of its header (a handler returning a bool ends the walk with false). The file is read in
-/// windows of about `window_words`, so memory does not grow with the file. A file whose size is no multiple of 8 bytes
-/// is refused first.
+/// chunk and the word index of its header (a handler returning a bool ends the walk with false); from the chunk at
+/// word `from` on (a chunk header). The file is read in windows of about `window_words`, so memory does not grow
+/// with the file. A file whose size is no multiple of 8 bytes is refused first.
 template <typename OnChunk>
-void for_eachChunk_tpx3(const Tpx3InputFile& file, OnChunk&& onChunk, std::size_t window_words = std::size_t{1} << 20) {
+void for_eachChunk_tpx3(const Tpx3InputFile& file,
+                        OnChunk&& onChunk,
+                        std::size_t window_words = std::size_t{1} << 20,
+                        std::uint64_t from = 0) {
     if (file.size_bytes() % 8 != 0) {
         throw std::logic_error("File contains incomplete lines!");
     }
     const std::uint64_t size = file.size_words();
     std::vector<std::uint64_t> buffer(window_words + maxChunk_words);
-    std::uint64_t bufferStart = 0; // word index of buffer[0]
+    std::uint64_t bufferStart = from; // word index of buffer[0]
     std::size_t filled = 0;
     std::size_t at = 0;
     while (bufferStart + at < size) {

@@ -69,10 +69,11 @@ public:
         // constructor builds, without two more passes over all activations.
         TimeOrdering ordering(activations, census.pixelCount);
         long latest = noTime_ticks;
-        for_eachPixel_repaired(data, size, Tpx3TimeScale<useGlobalTime>(census.reference_ticks), latest,
-                               [&](const tpx3::PixelFields& pixel, long time) {
-                                   ordering.add(PixelActivation(pixel.x, pixel.y, Time(time), pixel.tot));
-                               });
+        for_eachPixel_repaired(
+            data, size, Tpx3TimeScale<useGlobalTime>(census.reference_ticks), latest,
+            [&](const tpx3::PixelFields& pixel, long time, unsigned chip) {
+                ordering.add(PixelActivation(pixel.x, pixel.y, Time(time), pixel.tot, static_cast<std::uint8_t>(chip)));
+            });
         ordering.finish();
         return Data_Tpx3Spidr(std::move(activations), std::move(census.tdcTriggers).to_vector(), inTimeOrder);
     }

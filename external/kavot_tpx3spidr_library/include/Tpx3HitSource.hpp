@@ -14,26 +14,54 @@
 
 namespace kavot_tpx3spidr {
 
+/// The activations of one census block on the time scale of `census_tpx3<useGlobalTime>`: extended around the
+/// first global timestamp (or raw), each repaired against the latest time before it.
+template <bool useGlobalTime>
+class Tpx3ScaleDecoding {
+public:
+    explicit Tpx3ScaleDecoding(const Tpx3Census& census) noexcept : timeScale(census.reference_ticks) {}
+
+    /// Calls `onActivation(activation)` for every pixel packet of block `block`, whose words are at `words`.
+    template <typename OnActivation>
+    void decode_block(const Tpx3Census& census,
+                      std::size_t block,
+                      const std::uint64_t* words,
+                      std::size_t count,
+                      OnActivation&& onActivation) const {
+        long latest = census.blocks[block].latestBefore;
+        for_eachPixel_repaired(
+            words, count, timeScale, latest, [&](const tpx3::PixelFields& pixel, long time, unsigned chip) {
+                onActivation(PixelActivation(pixel.x, pixel.y, Time(time), pixel.tot, static_cast<std::uint8_t>(chip)));
+            });
+    }
+
+private:
+    Tpx3TimeScale<useGlobalTime> timeScale;
+};
+
 /// The pixel activations of a recording in the data set's time order, decoded a block at a time from the file
 /// and released as a sequence for the clustering algorithms (see `HitSequence.hpp`), holding only what is not
-/// yet certain plus what the reader still needs.
+/// yet certain plus what the reader still needs. `Decoding` turns a block's words into activations
+/// (`Tpx3ScaleDecoding`, or `Tpx3CanvasDecoding` for the chips' own clocks and places).
 ///
 /// Each block is decoded with the rollover repair starting from the latest time the census found before it,
 /// and sorted on its own; the sorted blocks are merged. After block b, everything not later than the smallest
 /// time of all later blocks (which the census knows) is certain and is released, a step at a time. What waits
 /// beyond `memoryLimit_hits` goes to temporary files in `spillFolder` (see `HitMerge`), so that memory stays
 /// bounded whatever the disorder of the recording.
-template <bool useGlobalTime>
+template <typename Decoding>
 class Tpx3HitSource {
 public:
-    /// `census` must come from `census_tpx3<useGlobalTime>` over the same file. Without a folder, everything
-    /// waits in memory. From `firstBlock` on, the sequence is the time order of those blocks' activations.
+    /// `census` must come from the census over the same file that `decoding` belongs to. Without a folder,
+    /// everything waits in memory. From `firstBlock` on, the sequence is the time order of those blocks'
+    /// activations.
     Tpx3HitSource(const Tpx3InputFile& file_,
                   const Tpx3Census& census_,
+                  const Decoding& decoding_,
                   const std::string& spillFolder = "",
                   std::size_t memoryLimit_hits = std::size_t{1} << 21,
                   std::size_t firstBlock = 0)
-        : file(file_), census(census_), timeScale(census_.reference_ticks),
+        : file(file_), census(census_), decoding(decoding_),
           merge(spillFolder.empty() ? HitMerge() : HitMerge(spillFolder, memoryLimit_hits)), nextBlock(firstBlock) {}
 
     [[nodiscard]] bool has(std::size_t position) {
@@ -65,17 +93,15 @@ private:
         if (nextBlock == census.blocks.size()) {
             return false;
         }
-        const Tpx3Block& block = census.blocks[nextBlock++];
+        const std::size_t b = nextBlock++;
+        const Tpx3Block& block = census.blocks[b];
         words.resize(static_cast<std::size_t>(block.endWord - block.firstWord));
         file.read_words(block.firstWord, words.size(), words.data());
         std::vector<PixelActivation> run;
         run.reserve(static_cast<std::size_t>(block.pixelCount));
         TimeOrdering ordering(run, run.capacity());
-        long latest = block.latestBefore;
-        for_eachPixel_repaired(words.data(), words.size(), timeScale, latest,
-                               [&](const tpx3::PixelFields& pixel, long time) {
-                                   ordering.add(PixelActivation(pixel.x, pixel.y, Time(time), pixel.tot));
-                               });
+        decoding.decode_block(census, b, words.data(), words.size(),
+                              [&](const PixelActivation& activation) { ordering.add(activation); });
         ordering.finish();
         if (run.size() != block.pixelCount) {
             throw file.changed(); // the census counted other packets here
@@ -102,7 +128,7 @@ private:
 
     const Tpx3InputFile& file;
     const Tpx3Census& census;
-    Tpx3TimeScale<useGlobalTime> timeScale;
+    Decoding decoding;
     HitMerge merge;
     std::size_t nextBlock;
     long bound = std::numeric_limits<long>::min(); ///< nothing later is certain yet

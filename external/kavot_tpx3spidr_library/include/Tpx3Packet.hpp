@@ -17,6 +17,13 @@ constexpr unsigned chunkSize_shift = 48;
     return (header >> chunkSize_shift) / 8;
 }
 
+constexpr unsigned chunkChip_shift = 32;
+
+/// The chip index of a chunk, from byte 4 of its header.
+[[nodiscard]] constexpr unsigned chunkChip(std::uint64_t header) noexcept {
+    return static_cast<unsigned>((header >> chunkChip_shift) & 0xFF);
+}
+
 constexpr unsigned type_shift = 60;
 constexpr std::uint64_t type_pixel = 0xB;
 constexpr std::uint64_t type_tdc = 0x6;
@@ -91,6 +98,38 @@ constexpr std::uint64_t tdcFine_mask = 0xF;
     return (units - 1) / 6;
 }
 
+/// The kinds of TDC packet, by the event type in bits 59-56: the channel and the edge it recorded.
+enum class TdcKind : std::size_t { tdc1Rising, tdc1Falling, tdc2Rising, tdc2Falling, other };
+
+[[nodiscard]] constexpr TdcKind tdcKind(std::uint64_t word) noexcept {
+    switch ((word >> 56) & 0xF) {
+    case 0xF:
+        return TdcKind::tdc1Rising;
+    case 0xA:
+        return TdcKind::tdc1Falling;
+    case 0xE:
+        return TdcKind::tdc2Rising;
+    case 0xB:
+        return TdcKind::tdc2Falling;
+    default:
+        return TdcKind::other;
+    }
+}
+
+/// The fine time of a TDC packet: 1 to 12 in a valid stamp, 0 in an invalid one.
+[[nodiscard]] constexpr std::uint64_t tdcFine(std::uint64_t word) noexcept {
+    return (word >> tdcFine_shift) & tdcFine_mask;
+}
+
+/// The TDC time on the 34-bit pixel clock: only the coarse time modulo 2^33 (bits 41-9) runs with the heartbeat
+/// clock in every recording, so the two upper bits of the 35-bit coarse time are left out. Ticks of 1.5625 ns,
+/// below 2^34, rounded down as `decode_tdcTime` converts. For a valid stamp only (fine time 1 to 12).
+constexpr std::uint64_t tdcPixelClock_mask = (std::uint64_t{1} << 33) - 1;
+[[nodiscard]] constexpr std::uint64_t tdcTime_onPixelClock(std::uint64_t word) noexcept {
+    const std::uint64_t coarse = (word >> tdcCoarse_shift) & tdcPixelClock_mask;
+    return (coarse * 12 + tdcFine(word) - 1) / 6;
+}
+
 // Global time packets (type 0x4), told apart by bits 59-56:
 //   subtype 0x4: bits 47-16 low 32 bits of the global time [25 ns]; subtype 0x5: bits 31-16 the high 16 bits,
 //   completing one timestamp.
@@ -148,6 +187,15 @@ private:
     std::uint64_t base_atOrAboveLimit = 0;
     std::uint64_t base_belowLimit = 0;
 };
+
+/// The value congruent to `raw` (0 to P - 1) modulo P that lies in [reference - P/2, reference + P/2): the same
+/// value `TimeExtension<P>(reference).extend(raw)` gives, in two's complement arithmetic for any reference, also a
+/// negative one. For references that change with every packet.
+template <std::uint64_t P>
+[[nodiscard]] constexpr std::int64_t extend_nearest(std::uint64_t raw, std::int64_t reference) noexcept {
+    const std::uint64_t lowest = static_cast<std::uint64_t>(reference) - P / 2;
+    return static_cast<std::int64_t>(lowest + ((raw - lowest) & (P - 1)));
+}
 
 /// The pixel time to extend: a time made negative (-16 to -1) by the column correction is taken modulo the
 /// period, so it lands next to the reference like every other hit of its moment instead of at the start of

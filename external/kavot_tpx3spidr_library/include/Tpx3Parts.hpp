@@ -213,9 +213,10 @@ private:
 /// are put one after the other. The activations that wait for their place in the time order take at most about
 /// `memoryLimit_hits` of memory in all; beyond that they go to temporary files in `spillFolder` (see
 /// `Tpx3HitSource`).
-template <bool useGlobalTime, typename Cluster, typename Sink>
+template <typename Decoding, typename Cluster, typename Sink>
 void cluster_inParts(const Tpx3InputFile& file,
                      const Tpx3Census& census,
+                     const Decoding& decoding,
                      const std::vector<Tpx3Part>& parts,
                      long dT,
                      unsigned workers,
@@ -224,21 +225,20 @@ void cluster_inParts(const Tpx3InputFile& file,
                      Cluster cluster,
                      Sink& sink) {
     if (parts.size() == 1) {
-        Tpx3HitSource<useGlobalTime> source(file, census, spillFolder, memoryLimit_hits);
+        Tpx3HitSource source(file, census, decoding, spillFolder, memoryLimit_hits);
         cluster(source, sink);
         return;
     }
     workers = std::max(workers, 1U);
-    kavot::run_inOrder<PhotonEvent_type>(
+    kavot::run_inOrder<typename Sink::Record>(
         parts.size(), workers,
         [&](std::size_t p, kavot::TaskOutput<PhotonEvent_type>& output) {
-            Tpx3HitSource<useGlobalTime> source(file, census, spillFolder, memoryLimit_hits / workers,
-                                                parts[p].firstBlock);
+            Tpx3HitSource source(file, census, decoding, spillFolder, memoryLimit_hits / workers, parts[p].firstBlock);
             const std::optional<long> end = p + 1 < parts.size() ? parts[p + 1].start : std::nullopt;
             PartSequence sequence(source, parts[p], end, dT, [&output] { output.checkpoint(); });
             cluster(sequence, output);
         },
-        [&](const PhotonEvent_type& photon) { sink.push(photon); });
+        [&](const typename Sink::Record& photon) { sink.push(photon); });
 }
 
 } // namespace kavot_tpx3spidr

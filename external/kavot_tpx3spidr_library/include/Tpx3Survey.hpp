@@ -59,24 +59,6 @@ private:
     std::optional<std::uint64_t> reference;
 };
 
-/// The kinds of TDC packet, by the event type in bits 59-56: the channel and the edge it recorded.
-enum class TdcKind : std::size_t { tdc1Rising, tdc1Falling, tdc2Rising, tdc2Falling, other };
-
-[[nodiscard]] constexpr TdcKind tdcKind(std::uint64_t word) noexcept {
-    switch ((word >> 56) & 0xF) {
-    case 0xF:
-        return TdcKind::tdc1Rising;
-    case 0xA:
-        return TdcKind::tdc1Falling;
-    case 0xE:
-        return TdcKind::tdc2Rising;
-    case 0xB:
-        return TdcKind::tdc2Falling;
-    default:
-        return TdcKind::other;
-    }
-}
-
 /// What one streaming pass over a .tpx3 recording finds, for looking at a recording before converting it.
 ///
 /// Pixel times are unfolded over every rollover of the 34-bit pixel clock (see `TimeUnfolding`) and, once
@@ -93,7 +75,7 @@ struct Tpx3Survey {
     std::uint64_t chunks = 0;
     std::array<std::uint64_t, 256> chunks_byChip{}; ///< by header byte 4, which the decoder does not interpret
     std::uint64_t pixelHits = 0;
-    std::array<std::uint64_t, 5> tdcPackets_byKind{}; ///< indexed by `TdcKind`
+    std::array<std::uint64_t, 5> tdcPackets_byKind{}; ///< indexed by `tpx3::TdcKind`
     std::uint64_t tdcPackets = 0;
     std::uint64_t globalTimePackets = 0;
     std::uint64_t globalTimestamps = 0; ///< complete ones (high-part packets)
@@ -204,7 +186,7 @@ private:
         }
         case tpx3::type_tdc:
             ++result.tdcPackets;
-            ++result.tdcPackets_byKind[static_cast<std::size_t>(tdcKind(word))];
+            ++result.tdcPackets_byKind[static_cast<std::size_t>(tpx3::tdcKind(word))];
             tdcTimes.place(tpx3::decode_tdcTime(word) & (tpx3::tdcPeriod_ticks - 1));
             break;
         case tpx3::type_globalTime:

@@ -106,8 +106,8 @@ private:
     tpx3::TimeExtension<tpx3::tdcPeriod_ticks> tdcExtension;
 };
 
-/// Calls `onPixel(fields, time)` for every pixel packet of the `count` words of whole chunks at `words` (headers
-/// included, structure already checked), with the time repaired against `latest`.
+/// Calls `onPixel(fields, time, chip)` for every pixel packet of the `count` words of whole chunks at `words`
+/// (headers included, structure already checked), with the time repaired against `latest`.
 template <bool useGlobalTime, typename OnPixel>
 void for_eachPixel_repaired(const std::uint64_t* words,
                             std::size_t count,
@@ -117,10 +117,11 @@ void for_eachPixel_repaired(const std::uint64_t* words,
     std::size_t i = 0;
     while (i < count) {
         const std::size_t end = i + 1 + static_cast<std::size_t>(tpx3::chunkWords(words[i]));
+        const unsigned chip = tpx3::chunkChip(words[i]);
         for (std::size_t w = i + 1; w < end; ++w) {
             if (tpx3::packetType(words[w]) == tpx3::type_pixel) {
                 const tpx3::PixelFields pixel = tpx3::decode_pixel(words[w]);
-                onPixel(pixel, repair_rollover(latest, timeScale.pixelTime(pixel.time_ticks)));
+                onPixel(pixel, repair_rollover(latest, timeScale.pixelTime(pixel.time_ticks)), chip);
             }
         }
         i = end;

@@ -43,6 +43,8 @@ void run_inOrder(
 template <typename Item>
 class TaskOutput {
 public:
+    using Record = Item; ///< what a task pushes, as a photon sink names it
+
     void push(const Item& item) {
         batch.push_back(item);
         if (batch.size() == batchItems) {
