@@ -40,7 +40,7 @@ echo '{"detector": {"chip_transformations": [{"chip_id": 0, "matrix": [[1,0,258]
 echo '{"detector": {"name": "x", "chip_transformations": [{"chip_id": 0, "matrix": [[0,1,0],[1,0,256]]},
     {"chip_id": 7, "matrix": [[0,-1,511],[1,0,0]], "gap": 2.5}]}, "other": [null, true]}' \
     > "$work/seeds/layout/transposed"
-echo '{"detector": {"chip_transformations": [{"chip_id": 1.0, "matrix": [[1,0],[0,1,"0"]]}, {"chip_id": 256}]}' \
+echo '{"detector": {"chip_transformations": [{"chip_id": 1.0, "matrix": [[1,0],[0,1,"0"]]}, {"chip_id": 256}]}}' \
     > "$work/seeds/layout/broken"
 
 for target in tpx3 paramsFile kavotphot commandLine layout; do
