@@ -8,7 +8,8 @@ TEST(FuzzRegressions, EveryKeptInputPassesItsHarness) {
     for (const auto& [target, harness] : {std::pair<const char*, Harness>{"tpx3", fuzztargets::tpx3},
                                           {"paramsFile", fuzztargets::paramsFile},
                                           {"kavotphot", fuzztargets::kavotphot},
-                                          {"commandLine", fuzztargets::commandLine}}) {
+                                          {"commandLine", fuzztargets::commandLine},
+                                          {"layout", fuzztargets::layout}}) {
         std::size_t count = 0;
         for (const auto& entry :
              std::filesystem::directory_iterator(std::filesystem::path(FUZZ_REGRESSIONS_DIR) / target)) {

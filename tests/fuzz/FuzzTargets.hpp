@@ -14,6 +14,7 @@
 
 #include <unistd.h>
 
+#include "ChipLayoutFile.hpp"
 #include "Data_Tpx3Spidr.hpp"
 #include "Parameters.hpp"
 #include "PhotonEvents.hpp"
@@ -180,6 +181,36 @@ inline int commandLine(const std::uint8_t* data, std::size_t size) {
     } catch (const std::invalid_argument&) {
     } catch (const std::out_of_range&) {
     }
+    return 0;
+}
+
+/// A layout file: refused with one std::invalid_argument, or a layout that puts every chip's corners on its
+/// canvas and that reads back the same when its transforms are written out again.
+inline int layout(const std::uint8_t* data, std::size_t size) {
+    std::optional<ChipLayout> read;
+    try {
+        read.emplace(parse_chipLayout_json(std::string(reinterpret_cast<const char*>(data), size), "fuzz"));
+    } catch (const std::invalid_argument&) {
+        return 0;
+    }
+    const int width = read->width_px();
+    const int height = read->height_px();
+    require(width >= ChipLayout::chipSide_px && width <= ChipLayout::maxCanvas_px);
+    require(height >= ChipLayout::chipSide_px && height <= ChipLayout::maxCanvas_px);
+    std::string entries;
+    for (const auto& [chip, t] : read->listed()) {
+        for (const int px : {0, ChipLayout::chipSide_px - 1}) {
+            for (const int py : {0, ChipLayout::chipSide_px - 1}) {
+                require(t.x(px, py) >= 0 && t.x(px, py) < width && t.y(px, py) >= 0 && t.y(px, py) < height);
+            }
+        }
+        entries += std::string(entries.empty() ? "" : ",") + "{\"chip_id\":" + std::to_string(chip) + ",\"matrix\":[[" +
+                   std::to_string(t.a) + "," + std::to_string(t.b) + "," + std::to_string(t.tx) + "],[" +
+                   std::to_string(t.c) + "," + std::to_string(t.d) + "," + std::to_string(t.ty) + "]]}";
+    }
+    const ChipLayout again =
+        parse_chipLayout_json(R"({"detector":{"chip_transformations":[)" + entries + "]}}", "again");
+    require(again.listed() == read->listed() && again.width_px() == width && again.height_px() == height);
     return 0;
 }
 

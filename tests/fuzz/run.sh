@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Bounded coverage-guided fuzzing of every parser of outside data: the .tpx3 decoder (the stream the program
 # reads against the data set in memory, both time modes, with clustering), the parameter file, the .kavotphot
-# readers and the command line. Seeds come from the project's own generator and program; every input in
-# tests/fuzz/regressions/ is replayed first. Any crash, leak, sanitizer report or time-out fails the run and
-# leaves the input under build/fuzz/findings/.
+# readers, the command line and the chip layout file. Seeds come from the project's own generator and program;
+# every input in tests/fuzz/regressions/ is replayed first. Any crash, leak, sanitizer report or time-out fails
+# the run and leaves the input under build/fuzz/findings/.
 # Usage: tests/fuzz/run.sh [SECONDS_PER_TARGET]
 set -euo pipefail
 cd "$(dirname "$0")/../.."
@@ -13,10 +13,10 @@ cmake --build --preset fuzz
 build=build/fuzz
 work=$build/fuzz-work
 rm -rf "$work"
-mkdir -p "$work/findings" "$work/seeds"/{tpx3,paramsFile,kavotphot,commandLine}
+mkdir -p "$work/findings" "$work/seeds"/{tpx3,paramsFile,kavotphot,commandLine,layout}
 
-# Seeds: small generated recordings of every shape, photon files the program wrote from them, parameter files
-# and command lines.
+# Seeds: small generated recordings of every shape, photon files the program wrote from them, parameter files,
+# command lines and layouts.
 seed=0
 for options in "" "--disorder 2e-7" "--reverse" "--disorder 2e-7 --reverse" "--rate 2 --start 30"; do
     seed=$((seed + 1))
@@ -34,8 +34,16 @@ printf '%s\0' -i a.tpx3 -o b.kavotphot -s 3 -t 1e-6 -T > "$work/seeds/commandLin
 printf '%s\0' --dS=2.5 --algorithm checkNextOnly --verbose 2 -k -1 --globalTime_ignore --photImgPath x -m 1 \
     > "$work/seeds/commandLine/long"
 printf '%s\0' -h --version --license -- stray > "$work/seeds/commandLine/help"
+echo '{"detector": {"chip_transformations": [{"chip_id": 0, "matrix": [[1,0,258],[0,1,0]]},
+    {"chip_id": 1, "matrix": [[-1,0,513],[0,-1,513]]}, {"chip_id": 2, "matrix": [[-1,0,255],[0,-1,513]]},
+    {"chip_id": 3, "matrix": [[1,0,0],[0,1,0]]}]}}' > "$work/seeds/layout/quad"
+echo '{"detector": {"name": "x", "chip_transformations": [{"chip_id": 0, "matrix": [[0,1,0],[1,0,256]]},
+    {"chip_id": 7, "matrix": [[0,-1,511],[1,0,0]], "gap": 2.5}]}, "other": [null, true]}' \
+    > "$work/seeds/layout/transposed"
+echo '{"detector": {"chip_transformations": [{"chip_id": 1.0, "matrix": [[1,0],[0,1,"0"]]}, {"chip_id": 256}]}}' \
+    > "$work/seeds/layout/broken"
 
-for target in tpx3 paramsFile kavotphot commandLine; do
+for target in tpx3 paramsFile kavotphot commandLine layout; do
     mkdir -p "$work/corpus/$target"
     echo "fuzz: $target for $seconds s"
     # New inputs go to the first folder; the seeds and the kept regressions are read as well.
