@@ -25,6 +25,9 @@ public:
 
     /// Where to write: a seekable file, empty at first.
     [[nodiscard]] int fd() const noexcept { return temporary; }
+    /// Its name, for writers that open a file by name; empty where it has none (a destination that is no
+    /// regular file is put together in a file without a name).
+    [[nodiscard]] const std::string& writingPath() const noexcept { return temporaryPath; }
     /// Flushes the written bytes and puts them at the destination. False if that failed; the temporary file is
     /// then removed and the destination left as it was.
     [[nodiscard]] bool commit();

@@ -10,7 +10,6 @@
 #include <system_error>
 #include <vector>
 
-#include <sched.h>
 #include <unistd.h>
 
 #include "Data_Tpx3Spidr.hpp"
@@ -21,6 +20,7 @@
 #include "ProgressLine.hpp"
 #include "Reconstruction_switch.hpp"
 #include "ReplacingFile.hpp"
+#include "RunResources.hpp"
 #include "Tpx3Parts.hpp"
 
 using namespace kavot_tpx3spidr;
@@ -110,32 +110,6 @@ struct Output {
     std::optional<PhotonFileWriter> writer;
     std::exception_ptr error;
 };
-
-/// Where what does not fit in memory goes (hits too far out of time order, very many trigger times): beside
-/// the output file, in temporary files without a name that vanish when the run ends in any way; in the system's
-/// temporary folder while the output's folder does not exist.
-std::string spillFolder(const std::string& outputPath) {
-    std::error_code error;
-    const fs::path folder = fs::path(outputPath).parent_path();
-    if (folder.empty()) {
-        return ".";
-    }
-    return fs::is_directory(folder, error) ? folder.string() : fs::temp_directory_path(error).string();
-}
-
-/// The CPUs the run may use (its affinity mask), at most 16: more threads would hold more memory than they
-/// save time on the slower steps that stay on one thread (the census, writing the photons).
-unsigned usableCpus() {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    if (sched_getaffinity(0, sizeof(set), &set) != 0) {
-        return 1;
-    }
-    return static_cast<unsigned>(std::clamp(CPU_COUNT(&set), 1, 16));
-}
-
-/// Hits that may wait in memory for their place in the time order (32 MiB); the rest waits in temporary files.
-constexpr std::size_t waitingHits_limit = std::size_t{1} << 21;
 
 /// The run: census (validation, totals, trigger times), the activations in time order, the chosen algorithm,
 /// and every photon into the photon file and the image as it is found.

@@ -6,11 +6,16 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <utility>
+#include <vector>
 
 #include <hdf5.h>
+
+#include "Units.hpp"
 
 namespace kavot_tool {
 
@@ -70,6 +75,13 @@ inline void write_attribute(hid_t object, const char* name, double value) {
     check_hdf5(H5Awrite(attribute.get(), H5T_NATIVE_DOUBLE, &value), std::string("write attribute ") + name);
 }
 
+inline void write_attribute(hid_t object, const char* name, std::int64_t value) {
+    const Hdf5Id space(H5Screate(H5S_SCALAR), H5Sclose, "make an attribute");
+    const Hdf5Id attribute(H5Acreate2(object, name, H5T_STD_I64LE, space.get(), H5P_DEFAULT, H5P_DEFAULT), H5Aclose,
+                           std::string("create attribute ") + name);
+    check_hdf5(H5Awrite(attribute.get(), H5T_NATIVE_INT64, &value), std::string("write attribute ") + name);
+}
+
 /// Stored and in-memory HDF5 types of the column values.
 template <typename T>
 struct Hdf5Type;
@@ -84,19 +96,38 @@ struct Hdf5Type<std::uint16_t> {
     static hid_t memory() { return H5T_NATIVE_UINT16; }
 };
 template <>
+struct Hdf5Type<std::uint8_t> {
+    static hid_t stored() { return H5T_STD_U8LE; }
+    static hid_t memory() { return H5T_NATIVE_UINT8; }
+};
+template <>
+struct Hdf5Type<std::uint32_t> {
+    static hid_t stored() { return H5T_STD_U32LE; }
+    static hid_t memory() { return H5T_NATIVE_UINT32; }
+};
+template <>
 struct Hdf5Type<std::int64_t> {
     static hid_t stored() { return H5T_STD_I64LE; }
     static hid_t memory() { return H5T_NATIVE_INT64; }
 };
 
-/// A one-dimensional dataset of a length known in advance, filled from the front a batch at a time.
+/// How the chunks of a column are compressed, losslessly and readable by every HDF5 reader.
+///  - small: bytes shuffled and deflated (level 4): the smallest file, at the most time.
+///  - fast: integers packed by HDF5's scale-offset filter into the bits their range in the chunk needs (the fast
+///    choice for times, counts and indices); floating-point columns are stored as they are, as no lossless
+///    filter of every reader makes them smaller at little cost.
+///  - none.
+enum class Hdf5Compression { small, fast, none };
+
+/// A one-dimensional dataset filled from the front a batch at a time: of a length known in advance, or, without
+/// one, growing with every batch.
 template <typename T>
 class Hdf5Column {
 public:
     static constexpr hsize_t chunk_values = 65536;
 
-    Hdf5Column(hid_t parent, const std::string& name, hsize_t length_)
-        : length(length_), dataset(create(parent, name)) {}
+    Hdf5Column(hid_t parent, const std::string& name, std::optional<hsize_t> length_, Hdf5Compression compression)
+        : length(length_.value_or(0)), growing(!length_), dataset(create(parent, name, compression)) {}
 
     [[nodiscard]] hid_t get() const noexcept { return dataset.get(); }
 
@@ -105,7 +136,10 @@ public:
         if (count == 0) {
             return;
         }
-        if (count > length - written) {
+        if (growing) {
+            length = written + count;
+            check_hdf5(H5Dset_extent(dataset.get(), &length), "extend a dataset");
+        } else if (count > length - written) {
             throw std::invalid_argument("HDF5: more values than the dataset holds!");
         }
         const Hdf5Id fileSpace(H5Dget_space(dataset.get()), H5Sclose, "select in a dataset");
@@ -126,24 +160,70 @@ public:
     }
 
 private:
-    Hdf5Id create(hid_t parent, const std::string& name) const {
+    Hdf5Id create(hid_t parent, const std::string& name, Hdf5Compression compression) const {
         // Unlimited in extent so that a chunk may be larger than the data (an empty dataset still needs one).
         const hsize_t unlimited = H5S_UNLIMITED;
         const Hdf5Id space(H5Screate_simple(1, &length, &unlimited), H5Sclose, "describe a dataset");
         const Hdf5Id properties(H5Pcreate(H5P_DATASET_CREATE), H5Pclose, "describe a dataset");
-        const hsize_t chunk = std::min<hsize_t>(chunk_values, std::max<hsize_t>(length, 1));
+        const hsize_t chunk = growing ? chunk_values : std::min<hsize_t>(chunk_values, std::max<hsize_t>(length, 1));
         check_hdf5(H5Pset_chunk(properties.get(), 1, &chunk), "describe a dataset");
-        // Shuffling the bytes of neighbouring values first makes their slowly varying high bytes compress well.
-        check_hdf5(H5Pset_shuffle(properties.get()), "compress a dataset");
-        check_hdf5(H5Pset_deflate(properties.get(), 4), "compress a dataset");
+        if (compression == Hdf5Compression::small) {
+            // Shuffling the bytes of neighbouring values first makes their slowly varying high bytes compress well.
+            check_hdf5(H5Pset_shuffle(properties.get()), "compress a dataset");
+            check_hdf5(H5Pset_deflate(properties.get(), 4), "compress a dataset");
+        } else if (compression == Hdf5Compression::fast && std::is_integral_v<T>) {
+            check_hdf5(H5Pset_scaleoffset(properties.get(), H5Z_SO_INT, H5Z_SO_INT_MINBITS_DEFAULT),
+                       "compress a dataset");
+        }
         return Hdf5Id(H5Dcreate2(parent, name.c_str(), Hdf5Type<T>::stored(), space.get(), H5P_DEFAULT,
                                  properties.get(), H5P_DEFAULT),
                       H5Dclose, "create dataset " + name);
     }
 
     hsize_t length;
+    bool growing;
     hsize_t written = 0;
     Hdf5Id dataset;
+};
+
+/// A column of values collected a batch at a time (a chunk's worth), with its unit as the attribute "units" (and,
+/// for times in ticks, the tick length as "tick_s"). Of a length known in advance, or growing without one.
+template <typename T>
+class BatchedColumn {
+public:
+    static constexpr std::size_t batch_values = 65536;
+
+    BatchedColumn(hid_t parent,
+                  const std::string& name,
+                  const std::string& units,
+                  std::optional<hsize_t> length = {},
+                  Hdf5Compression compression = Hdf5Compression::small)
+        : column(parent, name, length, compression) {
+        write_attribute(column.get(), "units", units);
+        if (units == "ticks") {
+            write_attribute(column.get(), "tick_s", kavot_tpx3spidr::Time::tick_seconds);
+        }
+        values.reserve(batch_values);
+    }
+    [[nodiscard]] hid_t get() const noexcept { return column.get(); }
+    void push(T value) {
+        values.push_back(value);
+        if (values.size() == batch_values) {
+            flush();
+        }
+    }
+    void flush() {
+        column.append(values.data(), values.size());
+        values.clear();
+    }
+    void close() {
+        flush();
+        column.close();
+    }
+
+private:
+    Hdf5Column<T> column;
+    std::vector<T> values;
 };
 
 /// A new HDF5 file at `path` (an existing file there is replaced).

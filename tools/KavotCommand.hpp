@@ -27,6 +27,8 @@ struct Command {
     std::size_t minOperands;
     std::size_t maxOperands;
     int (*run)(const Arguments&);
+    /// For a command that parses its own options: the words after its name.
+    int (*runWords)(const std::vector<std::string>&) = nullptr;
 };
 
 /// Parses `args` (the words after the subcommand's name) with getopt_long; switches may stand anywhere.
@@ -38,12 +40,14 @@ int run_summary(const Arguments& arguments);
 int run_csv(const Arguments& arguments);
 int run_export(const Arguments& arguments);
 int run_image(const Arguments& arguments);
+int run_convert(const std::vector<std::string>& words);
 
 extern const char* const help_info;
 extern const char* const help_summary;
 extern const char* const help_csv;
 extern const char* const help_export;
 extern const char* const help_image;
+extern const char* const help_convert;
 
 /// True when `path` ends in `suffix`, letters compared without regard to case (`RUN.TIFF` is a TIFF).
 bool has_suffix(const std::string& path, const std::string& suffix);

@@ -23,12 +23,13 @@ struct Gray {
 };
 
 inline Gray render(const std::vector<std::uint32_t>& counts, std::size_t width, std::size_t height, std::size_t bin) {
-    if (bin == 0 || width % bin != 0 || height % bin != 0 || counts.size() != width * height) {
+    if (bin == 0 || counts.size() != width * height) {
         throw std::invalid_argument("image size and bin do not fit");
     }
+    // A bin that does not divide the image leaves a narrower last column and row of bins.
     Gray out;
-    out.width = width / bin;
-    out.height = height / bin;
+    out.width = (width + bin - 1) / bin;
+    out.height = (height + bin - 1) / bin;
     std::vector<std::uint64_t> summed(out.width * out.height, 0);
     for (std::size_t y = 0; y < height; ++y) {
         for (std::size_t x = 0; x < width; ++x) {

@@ -16,22 +16,24 @@ namespace kavot_tool {
 
 namespace {
 
-const char* const usage = "Usage: kavot COMMAND ARGUMENTS...\n"
-                          "\n"
-                          "  kavot info FILE.tpx3 [--json]                  inspect a recording before converting it\n"
-                          "  kavot summary FILE.kavotphot                   photon and trigger counts and ranges\n"
-                          "  kavot csv FILE.kavotphot [--triggers]          photons (or trigger times) as CSV\n"
-                          "  kavot export FILE.kavotphot|FILE.tpx3 OUT.h5   photons, or a recording's hits, as HDF5\n"
-                          "  kavot image INPUT OUT.png|OUT.tiff [BIN]       photon counts as a picture or a TIFF\n"
-                          "  kavot --version                                the program's version\n"
-                          "\n"
-                          "\"kavot COMMAND --help\" explains a command. Errors go to standard error as one line;\n"
-                          "the exit status is 0 on success and 1 on failure.\n";
+const char* const usage =
+    "Usage: kavot COMMAND ARGUMENTS...\n"
+    "\n"
+    "  kavot info FILE.tpx3 [--json]                  inspect a recording before converting it\n"
+    "  kavot convert FILE.tpx3 OUT.h5|OUT.kavotphot   photons with continuous time, chips in place\n"
+    "  kavot summary FILE.kavotphot                   photon and trigger counts and ranges\n"
+    "  kavot csv FILE.kavotphot [--triggers]          photons (or trigger times) as CSV\n"
+    "  kavot export FILE.kavotphot|FILE.tpx3 OUT.h5   photons, or a recording's hits, as HDF5\n"
+    "  kavot image INPUT OUT.png|OUT.tiff [BIN]       photon counts as a picture or a TIFF\n"
+    "  kavot --version                                the program's version\n"
+    "\n"
+    "\"kavot COMMAND --help\" explains a command. Errors go to standard error as one line;\n"
+    "the exit status is 0 on success and 1 on failure.\n";
 
 const Command commands[] = {
     {"info", help_info, {"json"}, 1, 1, run_info},  {"summary", help_summary, {}, 1, 1, run_summary},
     {"csv", help_csv, {"triggers"}, 1, 1, run_csv}, {"export", help_export, {"globalTime_ignore"}, 2, 2, run_export},
-    {"image", help_image, {}, 2, 3, run_image},
+    {"image", help_image, {}, 2, 3, run_image},     {"convert", help_convert, {}, 2, 2, nullptr, run_convert},
 };
 
 } // namespace
@@ -111,6 +113,9 @@ int main(int argc, char** argv) {
                                           [&](const Command& candidate) { return first == candidate.name; });
         if (command == std::end(commands)) {
             throw std::invalid_argument("unknown command \"" + first + "\" (see kavot --help)");
+        }
+        if (command->runWords != nullptr) {
+            return command->runWords({args.begin() + 1, args.end()});
         }
         const Arguments arguments = parse_arguments(*command, {args.begin() + 1, args.end()});
         if (arguments.help) {

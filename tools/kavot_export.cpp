@@ -43,43 +43,11 @@ using kavot_tpx3spidr::PhotonEvent_type;
 using kavot_tpx3spidr::PhotonFile;
 using kavot_tpx3spidr::Time;
 
-constexpr std::size_t batch_values = 65536;
-
 void write_provenance(const Hdf5File& file, const std::string& input) {
     write_attribute(file.get(), "program", std::string("kavot"));
     write_attribute(file.get(), "program_version", std::string(KAVOT_VERSION));
     write_attribute(file.get(), "source_file", std::filesystem::path(input).filename().string());
 }
-
-/// A column of values collected a batch at a time.
-template <typename T>
-struct BatchedColumn {
-    BatchedColumn(hid_t parent, const std::string& name, hsize_t length, const std::string& units)
-        : column(parent, name, length) {
-        write_attribute(column.get(), "units", units);
-        if (units == "ticks") {
-            write_attribute(column.get(), "tick_s", Time::tick_seconds);
-        }
-        values.reserve(batch_values);
-    }
-    void push(T value) {
-        values.push_back(value);
-        if (values.size() == batch_values) {
-            flush();
-        }
-    }
-    void flush() {
-        column.append(values.data(), values.size());
-        values.clear();
-    }
-    void close() {
-        flush();
-        column.close();
-    }
-
-    Hdf5Column<T> column;
-    std::vector<T> values;
-};
 
 void export_photons(const std::string& input, const std::string& output) {
     PhotonFile::Reader reader(input);
@@ -88,9 +56,9 @@ void export_photons(const std::string& input, const std::string& output) {
     write_provenance(file, input);
     {
         Hdf5Id group = file.create_group("photons");
-        BatchedColumn<double> x(group.get(), "x", reader.photonCount(), "px");
-        BatchedColumn<double> y(group.get(), "y", reader.photonCount(), "px");
-        BatchedColumn<std::int64_t> toa(group.get(), "toa", reader.photonCount(), "ticks");
+        BatchedColumn<double> x(group.get(), "x", "px", reader.photonCount());
+        BatchedColumn<double> y(group.get(), "y", "px", reader.photonCount());
+        BatchedColumn<std::int64_t> toa(group.get(), "toa", "ticks", reader.photonCount());
         reader.for_eachPhoton([&](const PhotonEvent_type& photon) {
             x.push(photon.x.get_px());
             y.push(photon.y.get_px());
@@ -103,7 +71,7 @@ void export_photons(const std::string& input, const std::string& output) {
     }
     if (const auto triggers = reader.triggerCount()) {
         Hdf5Id group = file.create_group("triggers");
-        BatchedColumn<std::int64_t> toa(group.get(), "toa", *triggers, "ticks");
+        BatchedColumn<std::int64_t> toa(group.get(), "toa", "ticks", *triggers);
         reader.for_eachTrigger([&](Time trigger) { toa.push(trigger.get_value()); });
         toa.close();
         group.close_checked("close group triggers");
@@ -127,10 +95,10 @@ void export_hits(const std::string& input, const std::string& output) {
     write_provenance(file, input);
     {
         Hdf5Id group = file.create_group("hits");
-        BatchedColumn<std::uint16_t> x(group.get(), "x", census.pixelCount, "px");
-        BatchedColumn<std::uint16_t> y(group.get(), "y", census.pixelCount, "px");
-        BatchedColumn<std::int64_t> toa(group.get(), "toa", census.pixelCount, "ticks");
-        BatchedColumn<std::uint16_t> tot(group.get(), "tot", census.pixelCount, "25ns");
+        BatchedColumn<std::uint16_t> x(group.get(), "x", "px", census.pixelCount);
+        BatchedColumn<std::uint16_t> y(group.get(), "y", "px", census.pixelCount);
+        BatchedColumn<std::int64_t> toa(group.get(), "toa", "ticks", census.pixelCount);
+        BatchedColumn<std::uint16_t> tot(group.get(), "tot", "25ns", census.pixelCount);
         kavot_tpx3spidr::Tpx3HitSource hits(recording, census,
                                             kavot_tpx3spidr::Tpx3ScaleDecoding<useGlobalTime>(census), spillFolder,
                                             waitingHits_limit);
@@ -151,7 +119,7 @@ void export_hits(const std::string& input, const std::string& output) {
     }
     {
         Hdf5Id group = file.create_group("triggers");
-        BatchedColumn<std::int64_t> toa(group.get(), "toa", census.tdcTriggers.size(), "ticks");
+        BatchedColumn<std::int64_t> toa(group.get(), "toa", "ticks", census.tdcTriggers.size());
         census.tdcTriggers.for_each([&](Time trigger) { toa.push(trigger.get_value()); });
         toa.close();
         group.close_checked("close group triggers");

@@ -3,7 +3,7 @@
 # machine that has everything needs no network. HDF5, TIFF and numpy/h5py/pytest serve kavot and the Python
 # reader; slurm-wlm and munge let the batch script be tested on a one-node cluster started on this machine.
 set -euo pipefail
-packages=(g++ cmake make libgtest-dev libgmock-dev libbenchmark-dev rapidjson-dev libpng-dev clang-format time
+packages=(g++ cmake make libgtest-dev libgmock-dev libbenchmark-dev rapidjson-dev libcli11-dev libpng-dev clang-format time
     clang-19 libclang-rt-19-dev libhdf5-dev libtiff-dev python3-numpy python3-h5py python3-pytest slurm-wlm munge)
 missing=()
 for package in "${packages[@]}"; do

@@ -136,6 +136,18 @@ public:
         std::for_each(inMemory.begin(), inMemory.end(), consume);
     }
 
+    /// Reads the `count` values from position `from` on (within the list) into `destination`.
+    void read(std::size_t from, std::size_t count, T* destination) const {
+        if (from < spilled) {
+            const std::size_t fromFile = std::min(count, spilled - from);
+            file->read(from * sizeof(T), destination, fromFile * sizeof(T));
+            from += fromFile;
+            count -= fromFile;
+            destination += fromFile;
+        }
+        std::copy_n(inMemory.begin() + static_cast<std::ptrdiff_t>(from - spilled), count, destination);
+    }
+
     /// All values in one vector (for lists that live in memory anyway).
     [[nodiscard]] std::vector<T> to_vector() && {
         if (spilled == 0) {

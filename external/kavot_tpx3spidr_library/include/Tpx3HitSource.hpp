@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "RunMerge.hpp"
 #include "TimeOrder.hpp"
 #include "Tpx3Census.hpp"
 #include "Tpx3InputFile.hpp"

@@ -232,7 +232,7 @@ void cluster_inParts(const Tpx3InputFile& file,
     workers = std::max(workers, 1U);
     kavot::run_inOrder<typename Sink::Record>(
         parts.size(), workers,
-        [&](std::size_t p, kavot::TaskOutput<PhotonEvent_type>& output) {
+        [&](std::size_t p, kavot::TaskOutput<typename Sink::Record>& output) {
             Tpx3HitSource source(file, census, decoding, spillFolder, memoryLimit_hits / workers, parts[p].firstBlock);
             const std::optional<long> end = p + 1 < parts.size() ? parts[p + 1].start : std::nullopt;
             PartSequence sequence(source, parts[p], end, dT, [&output] { output.checkpoint(); });

@@ -1,0 +1,221 @@
+#include "ConversionOutputs.hpp"
+
+#include <cassert>
+#include <cstdio>
+#include <filesystem>
+#include <stdexcept>
+#include <utility>
+
+#include "CountTiff.hpp"
+#include "Hdf5File.hpp"
+
+namespace kavot_tool {
+
+using kavot_tpx3spidr::ChipLayout;
+using kavot_tpx3spidr::SpillingList;
+using kavot_tpx3spidr::Time;
+
+std::string layout_json(const ChipLayout& layout) {
+    if (layout.listed().empty()) {
+        return "{\"detector\": {\"chip_transformations\": []}, \"every_chip\": \"identity\"}";
+    }
+    std::string json = "{\"detector\": {\"chip_transformations\": [";
+    const char* separator = "";
+    for (const auto& [chip, t] : layout.listed()) {
+        json += separator;
+        json += "{\"chip_id\": " + std::to_string(chip) + ", \"matrix\": [[" + std::to_string(t.a) + ", " +
+                std::to_string(t.b) + ", " + std::to_string(t.tx) + "], [" + std::to_string(t.c) + ", " +
+                std::to_string(t.d) + ", " + std::to_string(t.ty) + "]]}";
+        separator = ", ";
+    }
+    return json + "]}}";
+}
+
+namespace {
+
+std::string seconds(long ticks) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%.9f s", Time(ticks).get_seconds());
+    return text;
+}
+
+const char* triggerName(kavot_tpx3spidr::tpx3::TdcKind kind) {
+    constexpr const char* names[] = {"tdc1-rising", "tdc1-falling", "tdc2-rising", "tdc2-falling", "other"};
+    return names[static_cast<std::size_t>(kind)];
+}
+
+} // namespace
+
+const char* compressionName(Hdf5Compression compression) {
+    constexpr const char* names[] = {"small: shuffle and deflate", "fast: scale-offset of the integer columns", "none"};
+    return names[static_cast<std::size_t>(compression)];
+}
+
+/// The open file and its columns, from `begin` to `finish`.
+struct Hdf5PhotonOutput::Open {
+    Open(const std::string& path, Hdf5Compression c)
+        : file(path), group(file.create_group("photons")), x(group.get(), "x", "px", {}, c),
+          y(group.get(), "y", "px", {}, c), t(group.get(), "t", "ticks", {}, c),
+          tof(group.get(), "tof", "ticks", {}, c), trigger(group.get(), "trigger", "index", {}, c),
+          nHits(group.get(), "n_hits", "hits", {}, c), totSum(group.get(), "tot_sum", "25ns", {}, c),
+          totMax(group.get(), "tot_max", "25ns", {}, c), chip(group.get(), "chip", "index", {}, c) {}
+
+    Hdf5File file;
+    Hdf5Id group;
+    BatchedColumn<double> x;
+    BatchedColumn<double> y;
+    BatchedColumn<std::int64_t> t;
+    BatchedColumn<std::int64_t> tof;
+    BatchedColumn<std::int64_t> trigger;
+    BatchedColumn<std::uint16_t> nHits;
+    BatchedColumn<std::uint32_t> totSum;
+    BatchedColumn<std::uint32_t> totMax;
+    BatchedColumn<std::uint8_t> chip;
+};
+
+Hdf5PhotonOutput::Hdf5PhotonOutput(std::string path_, const ConversionSettings& settings_, Hdf5Compression compression_)
+    : path(std::move(path_)), settings(settings_), compression(compression_) {}
+
+Hdf5PhotonOutput::~Hdf5PhotonOutput() = default;
+
+void Hdf5PhotonOutput::begin(const ConversionFacts& /*facts*/) {
+    open = std::make_unique<Open>(path, compression);
+}
+
+void Hdf5PhotonOutput::photons(const ConvertedPhoton* first, std::size_t count) {
+    for (const ConvertedPhoton* p = first; p != first + count; ++p) {
+        const kavot_tpx3spidr::PhotonMeasures& m = p->measures;
+        open->x.push(m.photon.x.get_px());
+        open->y.push(m.photon.y.get_px());
+        open->t.push(m.photon.toa.get_value());
+        open->tof.push(p->tof_ticks);
+        open->trigger.push(p->trigger);
+        // A conversion's --max-hits is at most 65535.
+        open->nHits.push(static_cast<std::uint16_t>(m.nHits));
+        open->totSum.push(m.totSum);
+        open->totMax.push(m.totMax);
+        open->chip.push(m.chip);
+    }
+}
+
+void Hdf5PhotonOutput::finish(const ConversionFacts& facts, const SpillingList<Time>& triggers) {
+    Open& o = *open;
+    write_attribute(o.tof.get(), "description",
+                    std::string("time since the latest trigger at or before the photon; "
+                                "-1 for photons before the first trigger"));
+    write_attribute(o.trigger.get(), "description",
+                    std::string("index in /triggers/t of the latest trigger at or before the photon; -1 for photons "
+                                "before the first trigger"));
+    write_attribute(o.chip.get(), "description", std::string("chip of the cluster's first hit (chunk header byte 4)"));
+    for (auto* column : {&o.x, &o.y}) {
+        column->close();
+    }
+    for (auto* column : {&o.t, &o.tof, &o.trigger}) {
+        column->close();
+    }
+    o.nHits.close();
+    o.totSum.close();
+    o.totMax.close();
+    o.chip.close();
+    o.group.close_checked("close group photons");
+    {
+        Hdf5Id group = o.file.create_group("triggers");
+        BatchedColumn<std::int64_t> t(group.get(), "t", "ticks", triggers.size(), compression);
+        write_attribute(t.get(), "description", std::string("each trigger once, ascending"));
+        triggers.for_each([&](Time time) { t.push(time.get_value()); });
+        t.close();
+        group.close_checked("close group triggers");
+    }
+    const hid_t root = o.file.get();
+    const auto integer = [&](const char* name, std::uint64_t value) {
+        write_attribute(root, name, static_cast<std::int64_t>(value));
+    };
+    write_attribute(root, "program", std::string("kavot convert"));
+    write_attribute(root, "program_version", std::string(KAVOT_VERSION));
+    write_attribute(root, "source_file", std::filesystem::path(facts.input).filename().string());
+    integer("source_size_bytes", facts.inputSize_bytes);
+    write_attribute(root, "tick_s", Time::tick_seconds);
+    integer("canvas_width_px", static_cast<std::uint64_t>(facts.layout.width_px()));
+    integer("canvas_height_px", static_cast<std::uint64_t>(facts.layout.height_px()));
+    write_attribute(root, "layout", facts.layout.get_name());
+    write_attribute(root, "layout_transforms", layout_json(facts.layout));
+    write_attribute(root, "time_model",
+                    std::string(facts.followsData ? "no heartbeat: each chip's clock follows its data"
+                                                  : "heartbeats: each chip's clock follows its "
+                                                    "latest valid heartbeat"));
+    write_attribute(root, "compression", std::string(compressionName(compression)));
+    integer("stale_heartbeats", facts.staleHeartbeats);
+    integer("time_gaps", facts.gapCount);
+    std::string gaps;
+    for (const auto& gap : facts.gaps) {
+        gaps +=
+            "chip " + std::to_string(gap.chip) + ": " + seconds(gap.from_ticks) + " to " + seconds(gap.to_ticks) + "\n";
+    }
+    write_attribute(root, "time_gaps_found", gaps);
+    const auto& c = settings.clustering;
+    write_attribute(root, "dtime_s", c.dTime.get_seconds());
+    write_attribute(root, "dtime_ticks", static_cast<std::int64_t>(c.dTime.get_value()));
+    write_attribute(root, "dspace_px", c.dSpace);
+    integer("min_hits", c.nPxMin);
+    integer("max_hits", c.nPxMax);
+    write_attribute(root, "min_weight", c.weightMin);
+    write_attribute(root, "max_weight", c.weightMax);
+    write_attribute(root, "algorithm", settings.algorithmName);
+    write_attribute(root, "trigger", std::string(triggerName(settings.trigger)));
+    integer("hits", facts.hits);
+    integer("trigger_packets", facts.triggerPackets);
+    integer("triggers", facts.triggers);
+    integer("photons", facts.photons);
+    integer("photons_before_first_trigger", facts.photonsBeforeFirstTrigger);
+    o.file.close();
+    open.reset();
+}
+
+void PhotonFileOutput::photons(const ConvertedPhoton* first, std::size_t count) {
+    for (const ConvertedPhoton* p = first; p != first + count; ++p) {
+        writer.push(p->measures.photon);
+    }
+}
+
+void PhotonFileOutput::finish(const ConversionFacts& /*facts*/, const SpillingList<Time>& triggers) {
+    writer.write_triggers(triggers);
+    if (!writer.finish()) {
+        throw std::invalid_argument("Unable to write the photon file completely!");
+    }
+}
+
+void CanvasImageOutput::begin(const ConversionFacts& facts) {
+    const std::uint64_t w = static_cast<std::uint64_t>(facts.layout.width_px()) * binsPerPixel;
+    const std::uint64_t h = static_cast<std::uint64_t>(facts.layout.height_px()) * binsPerPixel;
+    if (w * h > maxCounters) {
+        throw std::invalid_argument("an image of the " + std::to_string(facts.layout.width_px()) + " x " +
+                                    std::to_string(facts.layout.height_px()) + " pixel canvas with " +
+                                    std::to_string(binsPerPixel) +
+                                    " bins per pixel would take more than 256 MiB; "
+                                    "choose a smaller --bin!");
+    }
+    width = static_cast<std::uint32_t>(w);
+    height = static_cast<std::uint32_t>(h);
+    counts.assign(static_cast<std::size_t>(w * h), 0);
+}
+
+void CanvasImageOutput::photons(const ConvertedPhoton* first, std::size_t count) {
+    for (const ConvertedPhoton* p = first; p != first + count; ++p) {
+        // Centroids lie on the canvas: from 0 up to (not including) its width and height, in 1/65536 pixel.
+        const auto x = static_cast<std::uint64_t>(p->measures.photon.x.get_value()) * binsPerPixel >> 16;
+        const auto y = static_cast<std::uint64_t>(p->measures.photon.y.get_value()) * binsPerPixel >> 16;
+        assert(x < width && y < height);
+        ++counts[static_cast<std::size_t>(y * width + x)];
+    }
+}
+
+void CanvasImageOutput::finish(const ConversionFacts& facts, const SpillingList<Time>& /*triggers*/) {
+    counttiff::write(path, counts, width, height,
+                     "photon counts of " + std::filesystem::path(facts.input).filename().string() + ": canvas " +
+                         std::to_string(facts.layout.width_px()) + " x " + std::to_string(facts.layout.height_px()) +
+                         " px (layout " + facts.layout.get_name() + "), " + std::to_string(binsPerPixel) +
+                         " bins per pixel; row 0 first");
+    counts = {};
+}
+
+} // namespace kavot_tool

@@ -1,0 +1,85 @@
+#pragma once
+
+// The files a conversion writes: HDF5 columns of every photon measure, the .kavotphot photon file, and a TIFF of
+// photon counts on the canvas. Each writes to a path or descriptor it is given (the caller makes the file appear
+// complete or not at all).
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Conversion.hpp"
+#include "Hdf5File.hpp"
+#include "PhotonFileWriter.hpp"
+
+namespace kavot_tool {
+
+/// `/photons/x, y, t, tof, trigger, n_hits, tot_sum, tot_max, chip` and `/triggers/t`, chunked and compressed,
+/// written a batch at a time, with the units, the canvas, the layout, every setting, the program and the source
+/// as attributes.
+class Hdf5PhotonOutput : public ConversionOutput {
+public:
+    Hdf5PhotonOutput(std::string path_, const ConversionSettings& settings_, Hdf5Compression compression_);
+    ~Hdf5PhotonOutput() override;
+
+    void begin(const ConversionFacts& facts) override;
+    void photons(const ConvertedPhoton* first, std::size_t count) override;
+    void finish(const ConversionFacts& facts,
+                const kavot_tpx3spidr::SpillingList<kavot_tpx3spidr::Time>& triggers) override;
+
+private:
+    struct Open;
+
+    std::string path;
+    const ConversionSettings& settings;
+    Hdf5Compression compression;
+    std::unique_ptr<Open> open;
+};
+
+/// The block file vundrel writes: photons on the canvas (x, y, first-hit time) and the distinct trigger times,
+/// so that every reader of photon files reads it unchanged.
+class PhotonFileOutput : public ConversionOutput {
+public:
+    /// Writes to `fd`, a seekable file open for writing and empty (not taken over).
+    explicit PhotonFileOutput(int fd) : writer(fd) {}
+
+    void photons(const ConvertedPhoton* first, std::size_t count) override;
+    void finish(const ConversionFacts& facts,
+                const kavot_tpx3spidr::SpillingList<kavot_tpx3spidr::Time>& triggers) override;
+
+private:
+    PhotonFileWriter writer;
+};
+
+/// Photon counts on the canvas in bins of 1/`binsPerPixel` pixel, written as a 32-bit TIFF.
+class CanvasImageOutput : public ConversionOutput {
+public:
+    /// More counters than this are refused: 256 MiB.
+    static constexpr std::uint64_t maxCounters = std::uint64_t{1} << 26;
+
+    CanvasImageOutput(std::string path_, unsigned binsPerPixel_)
+        : path(std::move(path_)), binsPerPixel(binsPerPixel_) {}
+
+    void begin(const ConversionFacts& facts) override;
+    void photons(const ConvertedPhoton* first, std::size_t count) override;
+    void finish(const ConversionFacts& facts,
+                const kavot_tpx3spidr::SpillingList<kavot_tpx3spidr::Time>& triggers) override;
+
+private:
+    std::string path;
+    unsigned binsPerPixel;
+    std::uint32_t width = 0;
+    std::uint32_t height = 0;
+    std::vector<std::uint32_t> counts;
+};
+
+/// How the attributes name a compression.
+const char* compressionName(Hdf5Compression compression);
+
+/// The layout as the JSON of a layout file, so that a layout can be read back from the attributes.
+std::string layout_json(const kavot_tpx3spidr::ChipLayout& layout);
+
+} // namespace kavot_tool
