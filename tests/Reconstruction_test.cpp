@@ -185,6 +185,15 @@ std::vector<Hit> randomHits(std::mt19937_64& random, std::size_t n, long spread,
     return hits;
 }
 
+/// The hits moved onto a canvas of several chips: half of them beside the first chip, the other half far out
+/// (4000 pixels), at random times, so that the clustering's per-pixel tables grow while they are in use.
+void moveOntoCanvas(std::vector<Hit>& hits) {
+    for (std::size_t k = 0; k < hits.size(); ++k) {
+        hits[k].x = static_cast<short>(hits[k].x + (k % 2 == 0 ? 258 : 4000));
+        hits[k].y = static_cast<short>(hits[k].y + 258);
+    }
+}
+
 bool accepted(const PixelActivationChain& chain, double weight, const Settings& p) {
     return p.nPxMin <= chain.nPx && chain.nPx <= p.nPxMax && p.weightMin <= weight && weight <= p.weightMax;
 }
@@ -338,13 +347,16 @@ TEST(Reconstruction, ForwardChainEqualsBuildingAllChainsFirst) {
     std::mt19937_64 random(23);
     for (int round = 0; round < 1000; ++round) {
         // Up to 20000 hits, beyond the tables' compaction; every third round a burst, more hits within dTime than
-        // the disc of dSpace has pixels (looked up per pixel then), now and then pixels outside the detector.
+        // the disc of dSpace has pixels (looked up per pixel then), now and then pixels outside the detector or on a
+        // canvas of several chips.
         const std::size_t n = round % 50 == 0 ? 20000 : 20 + random() % 300;
         const long spread =
             round % 3 == 0 ? 20 + static_cast<long>(random() % 100) : 20 + static_cast<long>(random() % (n * 20));
         auto hits = randomHits(random, n, spread, 2 + random() % 30);
         if (round % 7 == 0) {
             hits[random() % n].y = -2;
+        } else if (round % 5 == 2) {
+            moveOntoCanvas(hits);
         }
         const double dSpace = round % 11 == 0 ? 20.0 : static_cast<double>(random() % 30) / 10.0 - 0.5;
         const auto p = settings(dSpace, static_cast<long>(random() % 80) - 4, random() % 3, random() % 8, 1.0,
@@ -359,7 +371,8 @@ TEST(Reconstruction, FullChainEqualsTheStepByStepSearch) {
     std::mt19937_64 random(17);
     for (int round = 0; round < 1500; ++round) {
         // Dense hits on a few pixels: clusters touch, rejected ones leave marks beside later candidates. Every third
-        // round a burst, more hits in a window than are tested one by one, some with pixels outside the detector.
+        // round a burst, more hits in a window than are tested one by one, some with pixels outside the detector, some
+        // on a canvas of several chips.
         const bool burst = round % 3 == 0;
         auto hits =
             randomHits(random, 20 + random() % (burst ? 600 : 200),
@@ -368,6 +381,8 @@ TEST(Reconstruction, FullChainEqualsTheStepByStepSearch) {
             for (auto& hit : hits) {
                 hit.x = static_cast<short>(hit.x - 3);
             }
+        } else if (round % 5 == 2) {
+            moveOntoCanvas(hits);
         }
         const auto data = dataOf(hits);
         // Bounds that reject many clusters (their numbers are reused); dTime to -4; now and then a large distance.
