@@ -43,6 +43,18 @@ public:
             std::clamp(1.0 + std::floor(random.exponential(meanHits - 0.5)), 1.0, static_cast<double>(maxHits)));
     }
 
+    /// The mean of `draw_hitCount(meanHits)`: the floor and the limit of `maxHits` make it differ from `meanHits`.
+    static double mean_hitCount(double meanHits) {
+        const double q = std::exp(-1 / (meanHits - 0.5)); // P(draw >= k + 1 | draw >= k)
+        double mean = 0;
+        double reach = 1; // P(draw >= k + 1)
+        for (std::size_t k = 1; k < maxHits; ++k) {
+            mean += static_cast<double>(k) * reach * (1 - q);
+            reach *= q;
+        }
+        return mean + static_cast<double>(maxHits) * reach;
+    }
+
     /// The ToT at the photon's centre, before the fall-off.
     static double draw_peak(Random& random) { return 60 + random.uniform() * 340; }
 
