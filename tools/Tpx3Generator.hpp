@@ -5,12 +5,14 @@
 // at intervals, packets the decoder must skip, and chunks of varied size. Deterministic for a given seed.
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdint>
 #include <stdexcept>
-#include <string>
 #include <vector>
+
+#include "PhotonShape.hpp"
+#include "Random.hpp"
+#include "Tpx3Words.hpp"
 
 namespace tpx3gen {
 
@@ -46,70 +48,6 @@ struct Hit {
     std::uint16_t tot;
 };
 
-/// xoshiro256** seeded through splitmix64: fast, and the same sequence on every machine.
-class Random {
-public:
-    explicit Random(std::uint64_t seed) {
-        for (auto& word : state) {
-            seed += 0x9E3779B97F4A7C15ULL;
-            std::uint64_t z = seed;
-            z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
-            z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
-            word = z ^ (z >> 31);
-        }
-    }
-    std::uint64_t next() {
-        const std::uint64_t result = rotl(state[1] * 5, 7) * 9;
-        const std::uint64_t t = state[1] << 17;
-        state[2] ^= state[0];
-        state[3] ^= state[1];
-        state[1] ^= state[2];
-        state[0] ^= state[3];
-        state[2] ^= t;
-        state[3] = rotl(state[3], 45);
-        return result;
-    }
-    /// Uniform in [0, 1).
-    double uniform() { return static_cast<double>(next() >> 11) * 0x1.0p-53; }
-    /// Uniform in [0, n).
-    std::uint64_t below(std::uint64_t n) { return static_cast<std::uint64_t>(uniform() * static_cast<double>(n)); }
-    double exponential(double mean) { return -mean * std::log1p(-uniform()); }
-
-private:
-    static std::uint64_t rotl(std::uint64_t x, int k) { return (x << k) | (x >> (64 - k)); }
-    std::array<std::uint64_t, 4> state{};
-};
-
-constexpr double tick_seconds = 1.5625e-9;
-
-inline std::uint64_t pixelWord(std::uint64_t x, std::uint64_t y, std::uint64_t raw34, std::uint64_t tot) {
-    // The readout reports columns 194 to 203 one 25 ns period late; the decoder takes it off again.
-    if (x >= 194 && x <= 203) {
-        raw34 = (raw34 + 16) & ((std::uint64_t{1} << 34) - 1);
-    }
-    const std::uint64_t spidr = raw34 >> 18;
-    const std::uint64_t coarse = (raw34 >> 4) & 0x3FFF;
-    const std::uint64_t ftoa = 15 - (raw34 & 15);
-    const std::uint64_t dcol = x >> 1;
-    const std::uint64_t spix = y >> 2;
-    const std::uint64_t pix = ((x & 1) << 2) | (y & 3);
-    return (std::uint64_t{0xB} << 60) | (dcol << 53) | (spix << 47) | (pix << 44) | (coarse << 30) |
-           ((tot & 0x3FF) << 20) | (ftoa << 16) | spidr;
-}
-
-inline std::uint64_t tdcWord(std::uint64_t counter, std::uint64_t raw36) {
-    const std::uint64_t coarse = (raw36 >> 1) & ((std::uint64_t{1} << 35) - 1);
-    const std::uint64_t fine = (raw36 & 1) != 0 ? 7 : 1; // (12 coarse + fine - 1) / 6 gives back raw36
-    return (std::uint64_t{0x6F} << 56) | ((counter & 0xFFF) << 44) | (coarse << 9) | (fine << 5);
-}
-
-inline std::uint64_t globalLowWord(std::uint64_t global25ns) {
-    return (std::uint64_t{0x44} << 56) | ((global25ns & 0xFFFFFFFFULL) << 16);
-}
-inline std::uint64_t globalHighWord(std::uint64_t global25ns) {
-    return (std::uint64_t{0x45} << 56) | (((global25ns >> 32) & 0xFFFF) << 16);
-}
-
 /// The hits of the acquisition in ascending time (ties in generation order), relative times from 0.
 /// The hits of a chain or a spot: every `chainInterval_ticks`, with a ToT that varies a little.
 inline std::vector<Hit> generate_chain(const Settings& settings, Random& random) {
@@ -133,17 +71,6 @@ inline std::vector<Hit> generate_hits(const Settings& settings, Random& random) 
         settings.noiseFraction < 0 || settings.noiseFraction > 1) {
         throw std::invalid_argument("generator settings out of range");
     }
-    // Offsets of a 5 x 5 neighbourhood, nearest first: a cluster takes the n nearest pixels around its centre.
-    std::vector<std::array<int, 2>> offsets;
-    for (int dy = -2; dy <= 2; ++dy) {
-        for (int dx = -2; dx <= 2; ++dx) {
-            offsets.push_back({dx, dy});
-        }
-    }
-    std::stable_sort(offsets.begin(), offsets.end(), [](const auto& a, const auto& b) {
-        return a[0] * a[0] + a[1] * a[1] < b[0] * b[0] + b[1] * b[1];
-    });
-
     std::vector<Hit> hits;
     hits.reserve(settings.hits + 32);
     const double photonHitRate = settings.hitRate_perSecond * (1 - settings.noiseFraction);
@@ -162,18 +89,14 @@ inline std::vector<Hit> generate_hits(const Settings& settings, Random& random) 
         }
         const auto t0 = static_cast<std::int64_t>(nextPhoton);
         nextPhoton += random.exponential(photonInterval_ticks);
-        const auto n = static_cast<std::size_t>(
-            std::clamp(1.0 + std::floor(random.exponential(settings.meanClusterSize - 0.5)), 1.0, 20.0));
+        const std::size_t n = PhotonShape::draw_hitCount(settings.meanClusterSize, random);
         const int cx = 2 + static_cast<int>(random.below(252));
         const int cy = 2 + static_cast<int>(random.below(252));
-        const double peak = 60 + random.uniform() * 340;
+        const double peak = PhotonShape::draw_peak(random);
         for (std::size_t h = 0; h < n && hits.size() < settings.hits; ++h) {
-            const auto& offset = offsets[h];
-            const double r2 = offset[0] * offset[0] + offset[1] * offset[1];
-            const auto tot =
-                static_cast<std::uint16_t>(std::clamp(peak * std::exp(-r2 / 2.5) + random.uniform() * 10, 1.0, 1023.0));
-            // A few ns of spread, more for weak hits (time walk).
-            const auto delay = static_cast<std::int64_t>(random.below(4) + (tot < 40 ? random.below(10) : 0));
+            const auto& offset = PhotonShape::offsets()[h];
+            const auto [tot, delay] =
+                PhotonShape::draw_hit(offset[0] * offset[0] + offset[1] * offset[1], peak, random);
             hits.push_back({t0 + delay, static_cast<std::uint16_t>(cx + offset[0]),
                             static_cast<std::uint16_t>(cy + offset[1]), tot});
         }
