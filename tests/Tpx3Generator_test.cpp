@@ -277,6 +277,7 @@ TEST(Tpx3Generator, EachChipHasItsHeartbeatsAfterTheStaleOnes) {
             }
             for (std::size_t k = 0; k < c.stale; ++k) {
                 EXPECT_GT(beats[k], trueBeats.back() + 60000 * 640'000'000L); // from an acquisition 61000 s on
+                EXPECT_GT(beats[k], beats[k + 1]); // later than the chip's next heartbeat: told stale
             }
         }
     }

@@ -6,6 +6,7 @@
 // still holds are in memory. With `truth`, the photons lie apart so that any clustering recovers them, and
 // the generator reports each one as it drew it: the truth a conversion of the recording is checked against.
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -60,7 +61,8 @@ class AcquisitionGenerator {
 public:
     /// Consecutive photons with `truth` start at least this far apart: 1 us between the last hit of one and
     /// the first of the next (rounding of the start times included), far beyond any clustering's dTime.
-    static constexpr double truthSeparation_ticks = 640 + PhotonShape::maxDelay_ticks + 2;
+    static constexpr double truthSeparation_ticks =
+        640 + std::max<double>(PhotonShape::maxDelay_ticks, PhotonShape::maxHits - 1) + 2;
     /// Stale heartbeats say this much after the start (plus the recording's expected length).
     static constexpr double staleAhead_seconds = 61000;
 
@@ -167,7 +169,10 @@ private:
             const int gy = py + offset[1];
             const auto [tot, delay] =
                 PhotonShape::draw_hit((gx - cx) * (gx - cx) + (gy - cy) * (gy - cy), peak, random);
-            const std::int64_t t = t0 + delay;
+            // With `truth`, the hits come nearest first, a tick apart: each lies within 3 pixels of an earlier one
+            // (across the gap too), so a clustering that tests each hit once, in time order, finds the photon
+            // whole.
+            const std::int64_t t = t0 + (settings.truth ? static_cast<std::int64_t>(h) : delay);
             const auto chip = land(gx, gy, t, tot);
             if (chip < 0) {
                 continue;
@@ -246,14 +251,18 @@ private:
         readout.add_pair(chip, readout_ticks, globalLowWord(global25ns), globalHighWord(global25ns));
     }
 
-    /// An earlier acquisition's heartbeats, read out first: far later than anything of this one.
+    /// An earlier acquisition's heartbeats, read out first: far later than anything of this one, and each later
+    /// than the chip's next one, which is how a reset of the clock shows in a chip's heartbeats (an earlier
+    /// heartbeat not later than its successor would be read as a valid one).
     void queueStaleHeartbeats() {
         const double expected_seconds = static_cast<double>(camera.hits) / camera.hitRate_perSecond;
         const auto ahead_ticks = 16 * static_cast<std::int64_t>((staleAhead_seconds + expected_seconds) / 25e-9);
         for (unsigned chip = 0; chip < nextHeartbeat_ticks.size(); ++chip) {
             for (unsigned k = 0; k < settings.staleHeartbeats; ++k) {
                 queueHeartbeat(chip, ChipReadout::first_ticks,
-                               nextHeartbeat_ticks[chip] + ahead_ticks + k * heartbeatInterval_ticks);
+                               nextHeartbeat_ticks[chip] + ahead_ticks +
+                                   static_cast<std::int64_t>(settings.staleHeartbeats - 1 - k) *
+                                       heartbeatInterval_ticks);
             }
         }
     }

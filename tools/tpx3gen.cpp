@@ -44,8 +44,9 @@ const char* const usage =
     "      --stale N            first N heartbeats per chip from an earlier acquisition, 61000 s ahead (default 0)\n"
     "      --truth              photons at least 1 us apart and no noise; also writes FILE.truth.csv, one row\n"
     "                           per photon (centroid, time, trigger, ToF, hits, ToT, chip, centre), and\n"
-    "                           FILE.triggers.csv. Clustering with dTime 100 ns and dSpace 3 recovers every\n"
-    "                           photon: dSpace 3 links the hits of a photon on both sides of the gap\n"
+    "                           FILE.triggers.csv. The hits of a photon come nearest first, a tick apart:\n"
+    "                           clustering with dTime 100 ns and dSpace 3 recovers every photon (dSpace 3\n"
+    "                           links its hits on both sides of the gap)\n"
     "  -h, --help               print this text\n";
 
 /// The recording and, with --truth, the photons and triggers as the generator drew them.
