@@ -9,7 +9,8 @@ TEST(FuzzRegressions, EveryKeptInputPassesItsHarness) {
                                           {"paramsFile", fuzztargets::paramsFile},
                                           {"kavotphot", fuzztargets::kavotphot},
                                           {"commandLine", fuzztargets::commandLine},
-                                          {"layout", fuzztargets::layout}}) {
+                                          {"layout", fuzztargets::layout},
+                                          {"convertOptions", fuzztargets::convertOptions}}) {
         std::size_t count = 0;
         for (const auto& entry :
              std::filesystem::directory_iterator(std::filesystem::path(FUZZ_REGRESSIONS_DIR) / target)) {

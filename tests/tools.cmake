@@ -67,6 +67,39 @@ kavot_case(ImageTiffRefusesBinning 1 ARGS image sample.raw binned.tiff 2 ABSENT 
 kavot_case(ImagePng 0 ARGS image sample.kavotphot sample.png 8 ABSENT "sample.png.part*")
 kavot_case(MissingArgumentsShowTheUsage 1 ARGS info
     ERR "^kavot: missing arguments \\(usage: kavot info FILE.tpx3 \\[--json\\]\\)\n$")
+kavot_case(ConvertQuadToHdf5AndImage 0 ARGS convert quad.tpx3 out/quad.h5 --image out/quad.tiff --bin 2
+    OUT "into out/quad.h5\ncanvas: 514 x 514 px, layout quad \\(chips in the recording: 0, 1, 2, 3\\)\n.*\ntriggers: 18[0-9][0-9] \\(from [0-9]+ TDC packets.*\nstale heartbeats: 4, ignored"
+    ABSENT "out/.quad*")
+kavot_case(ConvertOfABrokenRecordingLeavesNothing 1 ARGS convert cut.tpx3 broken.h5 ABSENT "*broken.h5*"
+    ERR "^kavot: End of data reached before block is complete!\n$")
+kavot_case(ConvertRefusesAChipTheLayoutLacks 1 ARGS convert quad.tpx3 single.kavotphot --layout single
+    ABSENT "*single.kavotphot*" ERR "^kavot: chip 1 appears in the recording but not in the layout \"single\"!\n$")
+# Every bad value: one line naming the option and what it accepts, status 1, nothing written.
+foreach(bad "dtime|100|a time needs its unit: ns, us, ms or s \\(such as 100ns\\)"
+        "dtime|2s|give a time from 0 to 1 s with its unit: ns, us, ms or s \\(such as 100ns\\)"
+        "dspace|x|give a distance in pixels from 0 to 4096 \\(such as 2\\)"
+        "min-hits|0|give a whole number from 1 to 65535" "max-hits|65536|give a whole number from 1 to 65535"
+        "min-weight|-1|give a weight of 0 or more \\(such as 1\\)"
+        "algorithm|fullchain|give default, fullChain_direct, checkNextOnly or forwardChain_pixelBuildup"
+        "layout|hex|give single, quad, overlay or a layout file FILE.json"
+        "trigger|tdc3-rising|give tdc1-rising, tdc1-falling, tdc2-rising or tdc2-falling"
+        "image|counts.png|give a file name ending in .tiff or .tif" "bin|65|give a whole number from 1 to 64"
+        "threads|0|give a whole number from 1 to 256" "compression|zip|give fast, small or none")
+    string(REPLACE "|" ";" bad "${bad}")
+    list(GET bad 0 option)
+    list(GET bad 1 value)
+    list(GET bad 2 accepted)
+    kavot_case(ConvertRefuses_${option}_${value} 1 ARGS convert quad.tpx3 refused.h5 --${option}=${value}
+        ABSENT "*refused.h5*" ERR "^kavot: --${option} \"${value}\": ${accepted}!\n$")
+endforeach()
+kavot_case(ConvertRefusesAnOutputOfNoKnownKind 1 ARGS convert quad.tpx3 photons.csv
+    ERR "^kavot: OUTPUT \"photons.csv\": give a file name ending in .h5 or .kavotphot!\n$")
+# On one chip within 13.4 s of the first heartbeat, kavot convert writes vundrel's photon file, byte for byte.
+add_test(NAME kavot.ConvertOfOneChipEqualsVundrel COMMAND sh -c
+    "'$<TARGET_FILE:kavot_cli>' convert sample.tpx3 converted.kavotphot --layout single > /dev/null && cmp converted.kavotphot sample.kavotphot"
+    WORKING_DIRECTORY ${kavot_inputs})
+set_tests_properties(kavot.ConvertOfOneChipEqualsVundrel PROPERTIES FIXTURES_REQUIRED kavot_inputs LABELS e2e)
+
 # The photons binned by kavot and the raw image binned by vundrel give the same TIFF, byte for byte.
 add_test(NAME kavot.ImageTiffOfPhotonsEqualsTiffOfRawImage COMMAND sh -c
     "'$<TARGET_FILE:kavot_cli>' image sample.kavotphot photons.tiff && '$<TARGET_FILE:kavot_cli>' image sample.raw raw.tiff && cmp photons.tiff raw.tiff"

@@ -2,6 +2,8 @@
 
 // The subcommands of kavot and the command line they share: operands, a few switches and --help.
 
+#include <algorithm>
+#include <cctype>
 #include <cstddef>
 #include <set>
 #include <stdexcept>
@@ -50,6 +52,13 @@ extern const char* const help_image;
 extern const char* const help_convert;
 
 /// True when `path` ends in `suffix`, letters compared without regard to case (`RUN.TIFF` is a TIFF).
-bool has_suffix(const std::string& path, const std::string& suffix);
+inline bool has_suffix(const std::string& path, const std::string& suffix) {
+    return path.size() >= suffix.size() &&
+           std::equal(suffix.begin(), suffix.end(), path.end() - static_cast<std::ptrdiff_t>(suffix.size()),
+                      [](char a, char b) {
+                          return std::tolower(static_cast<unsigned char>(a)) ==
+                                 std::tolower(static_cast<unsigned char>(b));
+                      });
+}
 
 } // namespace kavot_tool

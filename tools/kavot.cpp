@@ -2,7 +2,6 @@
 // count images that vundrel writes, and hands them on to other programs (CSV, HDF5, PNG, TIFF).
 
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -80,15 +79,6 @@ Arguments parse_arguments(const Command& command, const std::vector<std::string>
                                     " arguments (usage: " + usage + ")");
     }
     return arguments;
-}
-
-bool has_suffix(const std::string& path, const std::string& suffix) {
-    return path.size() >= suffix.size() &&
-           std::equal(suffix.begin(), suffix.end(), path.end() - static_cast<std::ptrdiff_t>(suffix.size()),
-                      [](char a, char b) {
-                          return std::tolower(static_cast<unsigned char>(a)) ==
-                                 std::tolower(static_cast<unsigned char>(b));
-                      });
 }
 
 } // namespace kavot_tool

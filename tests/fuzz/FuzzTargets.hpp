@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "ChipLayoutFile.hpp"
+#include "ConvertOptions.hpp"
 #include "Data_Tpx3Spidr.hpp"
 #include "Parameters.hpp"
 #include "PhotonEvents.hpp"
@@ -161,9 +162,12 @@ inline int kavotphot(const std::uint8_t* data, std::size_t size) {
     return 0;
 }
 
-/// A command line: the input split at zero bytes into at most 32 arguments.
-inline int commandLine(const std::uint8_t* data, std::size_t size) {
-    std::vector<std::string> args{"vundrel"};
+/// The input split at zero bytes into at most 32 arguments, after `first` when it is given.
+inline std::vector<std::string> arguments(const std::uint8_t* data, std::size_t size, const char* first) {
+    std::vector<std::string> args;
+    if (first != nullptr) {
+        args.emplace_back(first);
+    }
     std::string current;
     for (std::size_t i = 0; i < size && args.size() < 32; ++i) {
         if (data[i] == 0) {
@@ -176,6 +180,12 @@ inline int commandLine(const std::uint8_t* data, std::size_t size) {
     if (!current.empty() && args.size() < 32) {
         args.push_back(current);
     }
+    return args;
+}
+
+/// vundrel's command line.
+inline int commandLine(const std::uint8_t* data, std::size_t size) {
+    const std::vector<std::string> args = arguments(data, size, "vundrel");
     try {
         (void)parsed(args);
     } catch (const std::invalid_argument&) {
@@ -211,6 +221,28 @@ inline int layout(const std::uint8_t* data, std::size_t size) {
     const ChipLayout again =
         parse_chipLayout_json(R"({"detector":{"chip_transformations":[)" + entries + "]}}", "again");
     require(again.listed() == read->listed() && again.width_px() == width && again.height_px() == height);
+    return 0;
+}
+
+/// kavot convert's command line: refused with one std::invalid_argument, or settings within what the options
+/// accept.
+inline int convertOptions(const std::uint8_t* data, std::size_t size) {
+    std::optional<kavot_tool::ConvertCommandLine> line;
+    try {
+        line.emplace(kavot_tool::parse_convertOptions(arguments(data, size, nullptr)));
+    } catch (const std::invalid_argument&) {
+        return 0;
+    }
+    if (line->help) {
+        return 0;
+    }
+    const auto& c = line->settings.clustering;
+    require(!line->input.empty() && !line->output.empty());
+    require(c.dTime.get_value() >= 0 && c.dTime.get_value() <= Time::make_from_seconds<true>(1.0).get_value());
+    require(c.dSpace >= 0 && c.dSpace <= 4096);
+    require(c.nPxMin >= 1 && c.nPxMin <= c.nPxMax && c.nPxMax <= 65535);
+    require(c.weightMin >= 0 && c.weightMin <= c.weightMax);
+    require(line->binsPerPixel >= 1 && line->binsPerPixel <= 64 && line->settings.threads <= 256);
     return 0;
 }
 

@@ -13,7 +13,7 @@ cmake --build --preset fuzz
 build=build/fuzz
 work=$build/fuzz-work
 rm -rf "$work"
-mkdir -p "$work/findings" "$work/seeds"/{tpx3,paramsFile,kavotphot,commandLine,layout}
+mkdir -p "$work/findings" "$work/seeds"/{tpx3,paramsFile,kavotphot,commandLine,layout,convertOptions}
 
 # Seeds: small generated recordings of every shape, photon files the program wrote from them, parameter files,
 # command lines and layouts.
@@ -43,7 +43,13 @@ echo '{"detector": {"name": "x", "chip_transformations": [{"chip_id": 0, "matrix
 echo '{"detector": {"chip_transformations": [{"chip_id": 1.0, "matrix": [[1,0],[0,1,"0"]]}, {"chip_id": 256}]}}' \
     > "$work/seeds/layout/broken"
 
-for target in tpx3 paramsFile kavotphot commandLine layout; do
+printf '%s\0' in.tpx3 out.h5 --dtime 250ns --dspace=3 --min-hits 1 --max-hits 300 --layout quad --trigger tdc1-falling \
+    --image i.tiff --bin 4 --threads 2 --compression small > "$work/seeds/convertOptions/all"
+printf '%s\0' --dtime 1e-7s a.tpx3 b.kavotphot --min-weight 0.5 --max-weight=1e4 --algorithm checkNextOnly \
+    > "$work/seeds/convertOptions/units"
+printf '%s\0' x.tpx3 y.h5 --dtime 100 --layout nope.json -- --help > "$work/seeds/convertOptions/refused"
+
+for target in tpx3 paramsFile kavotphot commandLine layout convertOptions; do
     mkdir -p "$work/corpus/$target"
     echo "fuzz: $target for $seconds s"
     # New inputs go to the first folder; the seeds and the kept regressions are read as well.

@@ -9,6 +9,10 @@ rm -rf "$dir" && mkdir -p "$dir" && cd "$dir"
 "$vundrel" -i sample.tpx3 -o notrig.kavotphot > /dev/null
 # 2000 hits at 40 per second: 50 s, more than the 40 s after the first global timestamp that vundrel places.
 "$tpx3gen" -o long.tpx3 --hits 2000 --rate 40 --global-interval 1 > /dev/null
+# A quad detector: four chips in interleaved chunks of a few words, heartbeats per chip, one stale heartbeat each,
+# a 60 Hz trigger carried by every chip, hits up to 1 ms late.
+"$tpx3gen" -o quad.tpx3 --chips 4 --duration 30 --rate 4000 --heartbeat 1 --stale 1 --tdc-rate 60 --disorder 1e-3 \
+    --max-chunk 8 > /dev/null
 cp sample.tpx3 recording.kavotphot   # not a photon file, whatever its name
 head -c 12 sample.tpx3 > incomplete.tpx3
 printf 'ABCDEFGH' > noheader.tpx3
