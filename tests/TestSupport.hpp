@@ -90,8 +90,9 @@ inline std::vector<std::string> lines(const std::string& text) {
 
 using u64 = std::uint64_t;
 
-inline u64 chunkHeader(u64 sizeBytes) {
-    return 0x33585054ULL | (sizeBytes << 48);
+/// A chunk header: "TPX3", the chip index in byte 4, the size in bytes in bytes 6-7.
+inline u64 chunkHeader(u64 sizeBytes, u64 chip = 0) {
+    return 0x33585054ULL | (chip << 32) | (sizeBytes << 48);
 }
 
 /// A pixel packet from its raw fields: 0xB | dcol | spix | pix | ToA | ToT | FToA | spidr time.
@@ -117,12 +118,12 @@ inline u64 globalHigh(u64 high16) {
     return (0x45ULL << 56) | (high16 << 16);
 }
 
-/// `packets` in chunks of at most `perChunk` packets (one chunk holds at most 8191).
-inline std::vector<u64> chunk(const std::vector<u64>& packets, std::size_t perChunk = 8000) {
+/// `packets` in chunks of chip `chip` of at most `perChunk` packets (one chunk holds at most 8191).
+inline std::vector<u64> chunk(const std::vector<u64>& packets, std::size_t perChunk = 8000, u64 chip = 0) {
     std::vector<u64> words;
     for (std::size_t at = 0; at < packets.size() || words.empty(); at += perChunk) {
         const std::size_t n = std::min(perChunk, packets.size() - at);
-        words.push_back(chunkHeader(n * 8));
+        words.push_back(chunkHeader(n * 8, chip));
         words.insert(words.end(), packets.begin() + static_cast<std::ptrdiff_t>(at),
                      packets.begin() + static_cast<std::ptrdiff_t>(at + n));
     }
