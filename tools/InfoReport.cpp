@@ -1,0 +1,83 @@
+#include "InfoReport.hpp"
+
+#include <cstdio>
+
+#include "Units.hpp"
+
+namespace kavot_tool::info {
+
+namespace {
+
+constexpr const char* noGlobalTimestamp = "Supplied file does not contain a global timestamp!";
+
+std::string chipList(const Tpx3Survey& found) {
+    std::string list;
+    for (std::size_t chip = 0; chip < found.chunks_byChip.size(); ++chip) {
+        if (found.chunks_byChip[chip] > 0) {
+            list += (list.empty() ? "" : ", ") + std::to_string(chip);
+        }
+    }
+    return list;
+}
+
+} // namespace
+
+double seconds(long ticks) {
+    return kavot_tpx3spidr::Time(ticks).get_seconds();
+}
+
+long relative(const Tpx3Survey& found, long ticks) {
+    return ticks - static_cast<long>(found.firstGlobalTimestamp_ticks.value_or(0));
+}
+
+std::string refusal(const Tpx3Survey& found) {
+    if (!found.structureError.empty()) {
+        return found.structureError;
+    }
+    return found.firstGlobalTimestamp_ticks ? "" : noGlobalTimestamp;
+}
+
+std::optional<double> tdcRate_hz(const Tpx3Survey& found) {
+    if (found.tdcPackets < 2 || *found.latestTdc_ticks == *found.earliestTdc_ticks) {
+        return std::nullopt;
+    }
+    return static_cast<double>(found.tdcPackets - 1) / seconds(*found.latestTdc_ticks - *found.earliestTdc_ticks);
+}
+
+std::vector<std::string> warnings(const Tpx3Survey& found) {
+    std::vector<std::string> said;
+    if (found.exceeds_timeModel()) {
+        const auto model = found.timeModel();
+        char text[640];
+        if (found.firstGlobalTimestamp_ticks) {
+            std::snprintf(text, sizeof text,
+                          "the hits run from %.3f s to %.3f s around the first global timestamp, but vundrel places "
+                          "pixel times correctly only from %.3f s to %.3f s around it (it follows the 26.8 s pixel "
+                          "clock through one rollover); hits outside that range get times off by multiples of "
+                          "26.8 s, so their photons are misplaced in time and may be clustered with unrelated hits",
+                          seconds(relative(found, *found.earliestHit_ticks)),
+                          seconds(relative(found, *found.latestHit_ticks)), seconds(relative(found, model.first_ticks)),
+                          seconds(relative(found, model.end_ticks)));
+        } else {
+            std::snprintf(text, sizeof text,
+                          "the hits span %.3f s with %ld rollovers of the 26.8 s pixel clock; with "
+                          "--globalTime_ignore vundrel uses the raw clock and follows one rollover only, so later "
+                          "hits get times off by multiples of 26.8 s and may be clustered with unrelated hits",
+                          seconds(found.timeSpan_ticks()), found.pixelClockRollovers());
+        }
+        said.emplace_back(text);
+    }
+    if (found.chips() > 1) {
+        said.push_back("the recording holds the chunks of " + std::to_string(found.chips()) + " chips (" +
+                       chipList(found) +
+                       "); vundrel does not tell chips apart and places the pixels of all of them on one 256 x 256 "
+                       "frame, so their hits mix in the photons and in the image");
+    }
+    if (!found.firstGlobalTimestamp_ticks && found.structureError.empty()) {
+        said.emplace_back("the recording holds no global timestamp; vundrel refuses it unless run with "
+                          "--globalTime_ignore, and then uses the raw pixel clock, which starts over every 26.8 s");
+    }
+    return said;
+}
+
+} // namespace kavot_tool::info
