@@ -40,6 +40,33 @@ void print_json(const std::string& path, const Tpx3Survey& found) {
         }
     }
     json.EndArray();
+    json.Key("chip_details");
+    json.StartArray();
+    for (std::size_t chip = 0; chip < found.chunks_byChip.size(); ++chip) {
+        if (found.chunks_byChip[chip] > 0) {
+            const kavot_tpx3spidr::ChipSurvey& of = found.byChip[chip];
+            const auto interval = heartbeatInterval_s(of);
+            json.StartObject();
+            json.Key("chip");
+            json.Uint64(chip);
+            json.Key("chunks");
+            json.Uint64(found.chunks_byChip[chip]);
+            json.Key("hits");
+            json.Uint64(of.hits);
+            json.Key("heartbeats");
+            json.Uint64(of.heartbeats);
+            json.Key("heartbeat_interval_s");
+            optionalNumber(interval.has_value(), interval.value_or(0));
+            json.Key("stale_heartbeats");
+            json.Uint64(of.staleHeartbeats);
+            json.Key("tdc_packets");
+            json.Uint64(of.tdcPackets);
+            json.Key("tdc_copies");
+            json.Uint64(of.tdcCopies);
+            json.EndObject();
+        }
+    }
+    json.EndArray();
     json.Key("pixel_hits");
     json.Uint64(found.pixelHits);
     json.Key("tdc_packets");
@@ -51,6 +78,8 @@ void print_json(const std::string& path, const Tpx3Survey& found) {
         json.Uint64(found.tdcPackets_byKind[kind]);
     }
     json.EndObject();
+    json.Key("invalid_tdc_packets");
+    json.Uint64(found.invalidTdcPackets);
     json.Key("global_time_packets");
     json.Uint64(found.globalTimePackets);
     json.Key("global_timestamps");
@@ -95,6 +124,22 @@ void print_json(const std::string& path, const Tpx3Survey& found) {
         json.EndObject();
     }
     json.EndArray();
+    const kavot_tpx3spidr::ChipLayout canvas = found.defaultLayout();
+    json.Key("convert_canvas");
+    json.StartObject();
+    json.Key("layout");
+    json.String(canvas.get_name().c_str());
+    json.Key("width_px");
+    json.Int(canvas.width_px());
+    json.Key("height_px");
+    json.Int(canvas.height_px());
+    json.Key("unplaced_chips");
+    json.StartArray();
+    for (const unsigned chip : found.chipsBeyond_defaultLayout()) {
+        json.Uint(chip);
+    }
+    json.EndArray();
+    json.EndObject();
     json.Key("warnings");
     json.StartArray();
     for (const auto& warning : warnings(found)) {

@@ -1,5 +1,6 @@
 #include "InfoReport.hpp"
 
+#include <cmath>
 #include <cstdio>
 
 #include "Units.hpp"
@@ -37,6 +38,16 @@ std::string refusal(const Tpx3Survey& found) {
     return found.firstGlobalTimestamp_ticks ? "" : noGlobalTimestamp;
 }
 
+std::optional<double> heartbeatInterval_s(const kavot_tpx3spidr::ChipSurvey& chip) {
+    const auto interval = chip.heartbeatInterval_ticks();
+    return interval ? std::optional(seconds(std::lround(*interval))) : std::nullopt;
+}
+
+std::string canvasName(const kavot_tpx3spidr::ChipLayout& layout) {
+    return layout.get_name() + ", " + std::to_string(layout.width_px()) + " x " + std::to_string(layout.height_px()) +
+           " px";
+}
+
 std::optional<double> tdcRate_hz(const Tpx3Survey& found) {
     if (found.tdcPackets < 2 || *found.latestTdc_ticks == *found.earliestTdc_ticks) {
         return std::nullopt;
@@ -66,12 +77,25 @@ std::vector<std::string> warnings(const Tpx3Survey& found) {
                           seconds(found.timeSpan_ticks()), found.pixelClockRollovers());
         }
         said.emplace_back(text);
+        said.back() += found.firstGlobalTimestamp_ticks
+                           ? "; kavot convert follows every chip's heartbeats instead and places a hit correctly "
+                             "within 13.4 s of its chip's latest heartbeat, in a recording of any length"
+                           : "; kavot convert follows every chip's own packets instead, across any number of "
+                             "rollovers, as long as no chip stays silent for more than 13.4 s";
     }
     if (found.chips() > 1) {
+        const std::string canvas = canvasName(found.defaultLayout());
+        const std::string whichCanvas =
+            found.chipsBeyond_defaultLayout().empty()
+                ? "by default " + canvas
+                : "here one given by --layout FILE.json, as the default, " + canvas + ", does not hold them all";
         said.push_back("the recording holds the chunks of " + std::to_string(found.chips()) + " chips (" +
                        chipList(found) +
                        "); vundrel does not tell chips apart and places the pixels of all of them on one 256 x 256 "
-                       "frame, so their hits mix in the photons and in the image");
+                       "frame, so their hits mix in the photons and in the image; kavot convert places each chip on "
+                       "its own part of a canvas (" +
+                       whichCanvas + ") and follows each chip's " +
+                       (found.firstGlobalTimestamp_ticks ? "heartbeats" : "own packets"));
     }
     if (!found.firstGlobalTimestamp_ticks && found.structureError.empty()) {
         said.emplace_back("the recording holds no global timestamp; vundrel refuses it unless run with "

@@ -21,6 +21,12 @@ long relative(const Tpx3Survey& found, long ticks);
 /// The error vundrel would report first, or nothing.
 std::string refusal(const Tpx3Survey& found);
 
+/// The usual step between a chip's heartbeats; none without two that do not go backwards.
+std::optional<double> heartbeatInterval_s(const kavot_tpx3spidr::ChipSurvey& chip);
+
+/// A canvas as the user names it: "quad, 514 x 514 px".
+std::string canvasName(const kavot_tpx3spidr::ChipLayout& layout);
+
 /// TDC packets per second between the first and the last TDC time; none for fewer than two or no span.
 std::optional<double> tdcRate_hz(const Tpx3Survey& found);
 

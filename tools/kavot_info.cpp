@@ -15,11 +15,13 @@ const char* const help_info =
     "Usage: kavot info FILE.tpx3 [--json]\n"
     "\n"
     "Reads a recording once, in bounded memory, without converting it, and prints its size and chunks, the\n"
-    "chips present (chunk header byte 4), the packets by type (pixel hits; TDC packets by channel and edge;\n"
-    "global time; other), the global timestamps and the first of them, the span of the pixel times and the\n"
+    "chips present (chunk header byte 4) and, per chip, its hits, heartbeats and TDC packets, the packets by\n"
+    "type (pixel hits; TDC packets by channel and edge, and those with an invalid stamp, fine time 0; global\n"
+    "time; other), the global timestamps and the first of them, the span of the pixel times and the\n"
     "rollovers of the pixel clock in it, the share of hits out of time order and the largest lag, the TDC\n"
-    "rate and the ten busiest pixels. It warns where vundrel's result would not mean what you may expect:\n"
-    "hits outside the times vundrel can place, several chips on one frame, no global timestamp.\n"
+    "rate, the canvas kavot convert places the chips on when given no --layout, and the ten busiest pixels.\n"
+    "It warns where vundrel's result would not mean what you may expect: hits outside the times vundrel can\n"
+    "place, several chips on one frame, no global timestamp.\n"
     "\n"
     "Pixel times are followed across every rollover of the 34-bit pixel clock (26.8 s): each hit is placed\n"
     "within 13.4 s of the latest hit before it in the file, and on the clock of the first global timestamp\n"
@@ -28,12 +30,17 @@ const char* const help_info =
     "the lag tell how disordered the readout was. The TDC rate counts TDC packets of every kind per second\n"
     "between the first and the last TDC time.\n"
     "\n"
+    "Per chip, a heartbeat is stale when it is later than the chip's next one; the interval is the mean step\n"
+    "between consecutive heartbeats where the clock did not go backwards. A TDC packet is a copy when another\n"
+    "chip carried the same edge and time just before; the first chip to carry a trigger holds the original.\n"
+    "\n"
     "  --json   print one JSON object instead, with the keys file, file_size_bytes, chunks, chips,\n"
-    "           pixel_hits, tdc_packets, tdc_by_kind, global_time_packets, global_timestamps, other_packets,\n"
-    "           first_global_timestamp_ticks, first_global_timestamp_s, time_span_s, hits_from_s, hits_to_s,\n"
-    "           pixel_clock_rollovers, out_of_order_hits, out_of_order_share, largest_lag_ticks,\n"
-    "           largest_lag_s, tdc_rate_hz, busiest_pixels, warnings and error (times in seconds; hits_from_s\n"
-    "           and hits_to_s from the first global timestamp; null where there is nothing to tell)\n"
+    "           chip_details, pixel_hits, tdc_packets, tdc_by_kind, invalid_tdc_packets,\n"
+    "           global_time_packets, global_timestamps, other_packets, first_global_timestamp_ticks,\n"
+    "           first_global_timestamp_s, time_span_s, hits_from_s, hits_to_s, pixel_clock_rollovers,\n"
+    "           out_of_order_hits, out_of_order_share, largest_lag_ticks, largest_lag_s, tdc_rate_hz,\n"
+    "           busiest_pixels, convert_canvas, warnings and error (times in seconds; hits_from_s and\n"
+    "           hits_to_s from the first global timestamp; null where there is nothing to tell)\n"
     "\n"
     "Exit status 1 when the file cannot be read, or when vundrel, run with its defaults, would refuse it: a\n"
     "broken structure (\"File contains incomplete lines!\", \"Invalid header entry!\", \"End of data reached\n"
@@ -45,6 +52,28 @@ namespace {
 using namespace info;
 
 constexpr const char* tdcKindWords[] = {"TDC1 rising", "TDC1 falling", "TDC2 rising", "TDC2 falling", "other"};
+
+void print_chip(std::size_t chip, const kavot_tpx3spidr::ChipSurvey& of) {
+    std::printf("  chip %zu: %" PRIu64 " hits, %" PRIu64 " heartbeats", chip, of.hits, of.heartbeats);
+    if (const auto interval = heartbeatInterval_s(of)) {
+        std::printf(" every %.3f s", *interval);
+    }
+    std::printf(" (%" PRIu64 " stale), %" PRIu64 " TDC (%" PRIu64 " copies of another chip's)\n", of.staleHeartbeats,
+                of.tdcPackets, of.tdcCopies);
+}
+
+void print_canvas(const Tpx3Survey& found) {
+    std::string line = "canvas for kavot convert: " + canvasName(found.defaultLayout());
+    const std::vector<unsigned> beyond = found.chipsBeyond_defaultLayout();
+    for (std::size_t k = 0; k < beyond.size(); ++k) {
+        line += (k == 0 ? beyond.size() == 1 ? "; chip " : "; chips " : ", ") + std::to_string(beyond[k]);
+    }
+    if (!beyond.empty()) {
+        line += std::string(beyond.size() == 1 ? " has" : " have") +
+                " no place on it: give kavot convert --layout FILE.json";
+    }
+    std::printf("%s\n", line.c_str());
+}
 
 void print_text(const std::string& path, const Tpx3Survey& found) {
     std::printf("file: %s\n", path.c_str());
@@ -58,13 +87,19 @@ void print_text(const std::string& path, const Tpx3Survey& found) {
         }
     }
     std::printf("%s\n", found.chips() == 0 ? " none" : "");
+    for (std::size_t chip = 0; chip < found.chunks_byChip.size(); ++chip) {
+        if (found.chunks_byChip[chip] > 0) {
+            print_chip(chip, found.byChip[chip]);
+        }
+    }
+    print_canvas(found);
     std::printf("packets: %" PRIu64 " pixel hits, %" PRIu64 " TDC, %" PRIu64 " global time, %" PRIu64 " other\n",
                 found.pixelHits, found.tdcPackets, found.globalTimePackets, found.otherPackets);
     std::printf("TDC:");
     for (std::size_t kind = 0; kind < found.tdcPackets_byKind.size(); ++kind) {
         std::printf("%s %" PRIu64 " %s", kind == 0 ? "" : ",", found.tdcPackets_byKind[kind], tdcKindWords[kind]);
     }
-    std::printf("\n");
+    std::printf("; %" PRIu64 " invalid (fine time 0)\n", found.invalidTdcPackets);
     if (found.firstGlobalTimestamp_ticks) {
         std::printf("global timestamps: %" PRIu64 ", the first at %.9f s (%" PRIu64 " ticks)\n", found.globalTimestamps,
                     seconds(static_cast<long>(*found.firstGlobalTimestamp_ticks)), *found.firstGlobalTimestamp_ticks);
