@@ -90,6 +90,7 @@ inline std::vector<std::string> lines(const std::string& text) {
 
 using u64 = std::uint64_t;
 
+/// A chunk header: "TPX3", the chip index in byte 4, the size in bytes in bytes 6-7.
 inline u64 chunkHeader(u64 sizeBytes, u64 chip = 0) {
     return 0x33585054ULL | (chip << 32) | (sizeBytes << 48);
 }

@@ -42,6 +42,20 @@ kavot_case(InfoWarnsBeyondTheTimeModel 0 ARGS info long.tpx3
 kavot_case(InfoWarnsOfChipsAndRefusesNoGlobalTime 1 ARGS info twochips.tpx3
     OUT "chips: 0 \\(1 chunks\\), 1 \\(1 chunks\\).*warning: [^\n]*2 chips \\(0, 1\\).*warning: [^\n]*--globalTime_ignore"
     ERR "^kavot: Supplied file does not contain a global timestamp!\n$")
+kavot_case(InfoReportsEachChipAndTheCanvas 1 ARGS info twochips.tpx3
+    OUT "\n  chip 0: 1 hits, 0 heartbeats \\(0 stale\\), 0 TDC \\(0 copies of another chip's\\)\n  chip 1: 1 hits, [^\n]*\ncanvas for kavot convert: quad, 514 x 514 px\n.*; 0 invalid \\(fine time 0\\)\n")
+kavot_case(InfoNamesTheChipsTheDefaultCanvasCannotPlace 1 ARGS info chip5.tpx3
+    OUT "\ncanvas for kavot convert: single, 256 x 256 px; chip 5 has no place on it: give kavot convert --layout FILE.json\n")
+kavot_case(InfoJsonDetailsChipsAndCanvas 1 ARGS info --json chip5.tpx3
+    OUT "\"chip_details\":\\[{\"chip\":0,\"chunks\":1,\"hits\":1,\"heartbeats\":0,\"heartbeat_interval_s\":null,\"stale_heartbeats\":0,\"tdc_packets\":0,\"tdc_copies\":0},{\"chip\":5,.*\"invalid_tdc_packets\":0,.*\"convert_canvas\":{\"layout\":\"single\",\"width_px\":256,\"height_px\":256,\"unplaced_chips\":\\[5\\]},\"warnings\"")
+# A real quad recording that starts with one stale heartbeat per chip and holds one invalid TDC packet; skipped
+# where the recordings are absent.
+set(staleStart ${KAVOT_TEST_DATA_DIR}/greg_220ms_TDC_GDC_enabled_20230214_3.tpx3)
+add_test(NAME kavot.InfoCountsStaleHeartbeatsOfARealRecording COMMAND ${CMAKE_COMMAND} -DSTATUS=0
+    -DREQUIRES=${staleStart} "-DOUT=\n  chip 0: [^\n]*\\(1 stale\\), 13291 TDC \\(0 copies[^\n]*\n  chip 1: [^\n]*\\(1 stale\\)[^\n]*\n  chip 2: [^\n]*\\(1 stale\\)[^\n]*\n  chip 3: [^\n]*\\(1 stale\\)[^\n]*\n.*; 1 invalid \\(fine time 0\\)\n"
+    -P ${CMAKE_CURRENT_SOURCE_DIR}/tools/run_tool.cmake -- $<TARGET_FILE:kavot_cli> info ${staleStart})
+set_tests_properties(kavot.InfoCountsStaleHeartbeatsOfARealRecording PROPERTIES LABELS data
+    SKIP_REGULAR_EXPRESSION "SKIPPED:")
 foreach(broken "incomplete|12|File contains incomplete lines!" "noheader|8|Invalid header entry!"
         "cut|16|End of data reached before block is complete!")
     string(REPLACE "|" ";" broken "${broken}")

@@ -21,3 +21,5 @@ printf 'ABCDEFGH' > noheader.tpx3
 printf 'TPX3\000\000\020\000\000\000\000\000\000\000\000\260' > cut.tpx3                 # 16 bytes claimed, 8 there
 printf 'TPX3\000\000\010\000\000\000\000\000\000\000\000\260TPX3\001\000\010\000\000\000\000\000\000\000\000\260' \
     > twochips.tpx3                                                                             # no global time
+printf 'TPX3\000\000\010\000\000\000\000\000\000\000\000\260TPX3\005\000\010\000\000\000\000\000\000\000\000\260' \
+    > chip5.tpx3                                                        # chips 0 and 5, which no default layout holds

@@ -1,7 +1,13 @@
 # Runs one command and checks its exit status and output, since ctest's PASS_REGULAR_EXPRESSION ignores the
 # exit status. Usage:
-#   cmake -DSTATUS=1 [-DOUT=regex] [-DERR=regex] [-DABSENT=glob] -P run_tool.cmake -- PROGRAM ARGS...
+#   cmake -DSTATUS=1 [-DOUT=regex] [-DERR=regex] [-DABSENT=glob] [-DREQUIRES=file] -P run_tool.cmake -- PROGRAM ARGS...
 # ABSENT: no file may match this glob afterwards (an output that must not appear, or a stray temporary file).
+# REQUIRES: a file the command reads that not every machine has (a real recording); where it is absent the case
+# says "SKIPPED:" and runs nothing, for a SKIP_REGULAR_EXPRESSION to report it as skipped.
+if(DEFINED REQUIRES AND NOT EXISTS "${REQUIRES}")
+    message("SKIPPED: ${REQUIRES} is absent")
+    return()
+endif()
 set(command)
 set(seen_separator FALSE)
 math(EXPR last "${CMAKE_ARGC} - 1")

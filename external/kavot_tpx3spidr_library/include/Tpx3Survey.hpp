@@ -10,6 +10,9 @@
 #include <utility>
 #include <vector>
 
+#include "ChipLayout.hpp"
+#include "ChipSurvey.hpp"
+#include "TdcCopies.hpp"
 #include "Tpx3Chunks.hpp"
 #include "Tpx3InputFile.hpp"
 #include "Tpx3Packet.hpp"
@@ -64,6 +67,8 @@ private:
 /// Pixel times are unfolded over every rollover of the 34-bit pixel clock (see `TimeUnfolding`) and, once
 /// the first global timestamp is known, placed on its clock as the decoder places them; TDC times likewise
 /// with their 36-bit period. "Out of time order" compares each hit with the latest hit before it in the file.
+/// Per chip, the chunks of the chip are counted apart (`byChip`): hits, heartbeats and TDC packets, and which of
+/// these repeat another chip's trigger (`TdcCopies`).
 struct Tpx3Survey {
     struct PixelHits {
         int x;
@@ -74,9 +79,11 @@ struct Tpx3Survey {
     std::uint64_t size_bytes = 0;
     std::uint64_t chunks = 0;
     std::array<std::uint64_t, 256> chunks_byChip{}; ///< by header byte 4, which the decoder does not interpret
+    std::array<ChipSurvey, 256> byChip{};
     std::uint64_t pixelHits = 0;
     std::array<std::uint64_t, 5> tdcPackets_byKind{}; ///< indexed by `tpx3::TdcKind`
     std::uint64_t tdcPackets = 0;
+    std::uint64_t invalidTdcPackets = 0; ///< fine time 0: no trigger
     std::uint64_t globalTimePackets = 0;
     std::uint64_t globalTimestamps = 0; ///< complete ones (high-part packets)
     std::uint64_t otherPackets = 0;
@@ -96,6 +103,27 @@ struct Tpx3Survey {
     [[nodiscard]] std::uint64_t chips() const noexcept {
         return static_cast<std::uint64_t>(
             std::count_if(chunks_byChip.begin(), chunks_byChip.end(), [](std::uint64_t n) { return n > 0; }));
+    }
+
+    [[nodiscard]] std::array<bool, 256> chipsSeen() const noexcept {
+        std::array<bool, 256> seen{};
+        std::transform(chunks_byChip.begin(), chunks_byChip.end(), seen.begin(), [](std::uint64_t n) { return n > 0; });
+        return seen;
+    }
+
+    /// The canvas a conversion uses when no layout is named: `ChipLayout::for_chips` of the chips present.
+    [[nodiscard]] ChipLayout defaultLayout() const { return ChipLayout::for_chips(chipsSeen()); }
+
+    /// The chips present that the default layout does not place: converting needs a layout that lists them.
+    [[nodiscard]] std::vector<unsigned> chipsBeyond_defaultLayout() const {
+        const ChipLayout layout = defaultLayout();
+        std::vector<unsigned> beyond;
+        for (unsigned chip = 0; chip < chunks_byChip.size(); ++chip) {
+            if (chunks_byChip[chip] > 0 && !layout.places(chip)) {
+                beyond.push_back(chip);
+            }
+        }
+        return beyond;
     }
 
     [[nodiscard]] long timeSpan_ticks() const noexcept {
@@ -135,10 +163,11 @@ public:
     explicit Tpx3Surveyor(std::uint64_t size_bytes) { result.size_bytes = size_bytes; }
 
     void add_chunk(std::uint64_t headerWord, const std::uint64_t* first, const std::uint64_t* last) {
+        const unsigned chip = tpx3::chunkChip(headerWord);
         ++result.chunks;
-        ++result.chunks_byChip[(headerWord >> 32) & 0xFF];
+        ++result.chunks_byChip[chip];
         for (const std::uint64_t* word = first; word != last; ++word) {
-            add_packet(*word);
+            add_packet(chip, *word);
         }
     }
 
@@ -171,11 +200,13 @@ public:
 private:
     static constexpr std::size_t detectorSide = 256;
 
-    void add_packet(std::uint64_t word) {
+    void add_packet(unsigned chip, std::uint64_t word) {
+        ChipSurvey& ofChip = result.byChip[chip];
         switch (tpx3::packetType(word)) {
         case tpx3::type_pixel: {
             const tpx3::PixelFields pixel = tpx3::decode_pixel(word);
             ++result.pixelHits;
+            ++ofChip.hits;
             ++hitsPerPixel[static_cast<std::size_t>(pixel.y) * detectorSide + static_cast<std::size_t>(pixel.x)];
             pixelTimes.place(tpx3::pixelTime_forExtension(pixel.time_ticks));
             if (pixelTimes.lag_ticks > 0) {
@@ -187,6 +218,13 @@ private:
         case tpx3::type_tdc:
             ++result.tdcPackets;
             ++result.tdcPackets_byKind[static_cast<std::size_t>(tpx3::tdcKind(word))];
+            ++ofChip.tdcPackets;
+            if (tdcCopies.is_copy(chip, word)) {
+                ++ofChip.tdcCopies;
+            }
+            if (tpx3::tdcFine(word) == 0) {
+                ++result.invalidTdcPackets;
+            }
             tdcTimes.place(tpx3::decode_tdcTime(word) & (tpx3::tdcPeriod_ticks - 1));
             break;
         case tpx3::type_globalTime:
@@ -195,11 +233,12 @@ private:
                 latestGlobalLow = tpx3::globalLow(word);
             } else if (tpx3::globalSubtype(word) == tpx3::globalSubtype_high) {
                 ++result.globalTimestamps;
+                const std::uint64_t heartbeat = tpx3::globalTimestamp_ticks(word, latestGlobalLow);
+                ofChip.add_heartbeat(heartbeat);
                 if (!result.firstGlobalTimestamp_ticks) {
-                    const std::uint64_t reference = tpx3::globalTimestamp_ticks(word, latestGlobalLow);
-                    result.firstGlobalTimestamp_ticks = reference;
-                    pixelTimes.set_reference(reference);
-                    tdcTimes.set_reference(reference);
+                    result.firstGlobalTimestamp_ticks = heartbeat;
+                    pixelTimes.set_reference(heartbeat);
+                    tdcTimes.set_reference(heartbeat);
                 }
             }
             break;
@@ -212,6 +251,7 @@ private:
     std::vector<std::uint64_t> hitsPerPixel = std::vector<std::uint64_t>(detectorSide * detectorSide, 0);
     TimeUnfolding<tpx3::pixelPeriod_ticks> pixelTimes;
     TimeUnfolding<tpx3::tdcPeriod_ticks> tdcTimes;
+    TdcCopies tdcCopies;
     std::uint64_t latestGlobalLow = 0;
 };
 
