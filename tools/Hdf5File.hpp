@@ -15,6 +15,7 @@
 
 #include <hdf5.h>
 
+#include "ScaleOffset.hpp"
 #include "Units.hpp"
 
 namespace kavot_tool {
@@ -127,7 +128,10 @@ public:
     static constexpr hsize_t chunk_values = 65536;
 
     Hdf5Column(hid_t parent, const std::string& name, std::optional<hsize_t> length_, Hdf5Compression compression)
-        : length(length_.value_or(0)), growing(!length_), dataset(create(parent, name, compression)) {}
+        : length(length_.value_or(0)), growing(!length_),
+          chunk(growing ? chunk_values : std::min<hsize_t>(chunk_values, std::max<hsize_t>(length, 1))),
+          packed(compression == Hdf5Compression::fast && std::is_integral_v<T>),
+          dataset(create(parent, name, compression)) {}
 
     [[nodiscard]] hid_t get() const noexcept { return dataset.get(); }
 
@@ -141,6 +145,12 @@ public:
             check_hdf5(H5Dset_extent(dataset.get(), &length), "extend a dataset");
         } else if (count > length - written) {
             throw std::invalid_argument("HDF5: more values than the dataset holds!");
+        }
+        if constexpr (std::is_integral_v<T>) {
+            if (packed) {
+                appendPacked(values, count);
+                return;
+            }
         }
         const Hdf5Id fileSpace(H5Dget_space(dataset.get()), H5Sclose, "select in a dataset");
         check_hdf5(H5Sselect_hyperslab(fileSpace.get(), H5S_SELECT_SET, &written, nullptr, &count, nullptr),
@@ -160,20 +170,44 @@ public:
     }
 
 private:
+    /// Writes whole chunks packed as the scale-offset filter packs them (see `ScaleOffset.hpp`); a last, shorter
+    /// chunk is padded with its last value, which leaves its range as it is.
+    void appendPacked(const T* values, hsize_t count) {
+        if (written % chunk != 0) {
+            throw std::invalid_argument("HDF5: a packed column takes its values a chunk at a time!");
+        }
+        for (hsize_t at = 0; at < count; at += chunk) {
+            const auto n = static_cast<std::size_t>(std::min<hsize_t>(chunk, count - at));
+            std::vector<unsigned char> stored;
+            if (n == chunk) {
+                stored = scaleoffset::encode(values + at, n);
+            } else {
+                std::vector<T> padded(values + at, values + at + n);
+                padded.resize(static_cast<std::size_t>(chunk), padded.back());
+                stored = scaleoffset::encode(padded.data(), padded.size());
+            }
+            const hsize_t offset = written + at;
+            check_hdf5(H5Dwrite_chunk(dataset.get(), H5P_DEFAULT, 0, &offset, stored.size(), stored.data()),
+                       "write a dataset");
+        }
+        written += count;
+    }
+
     Hdf5Id create(hid_t parent, const std::string& name, Hdf5Compression compression) const {
         // Unlimited in extent so that a chunk may be larger than the data (an empty dataset still needs one).
         const hsize_t unlimited = H5S_UNLIMITED;
         const Hdf5Id space(H5Screate_simple(1, &length, &unlimited), H5Sclose, "describe a dataset");
         const Hdf5Id properties(H5Pcreate(H5P_DATASET_CREATE), H5Pclose, "describe a dataset");
-        const hsize_t chunk = growing ? chunk_values : std::min<hsize_t>(chunk_values, std::max<hsize_t>(length, 1));
         check_hdf5(H5Pset_chunk(properties.get(), 1, &chunk), "describe a dataset");
         if (compression == Hdf5Compression::small) {
             // Shuffling the bytes of neighbouring values first makes their slowly varying high bytes compress well.
             check_hdf5(H5Pset_shuffle(properties.get()), "compress a dataset");
             check_hdf5(H5Pset_deflate(properties.get(), 4), "compress a dataset");
-        } else if (compression == Hdf5Compression::fast && std::is_integral_v<T>) {
+        } else if (packed) {
+            // Without a fill value the filter keeps no code for it: the chunks are packed as `appendPacked` does.
             check_hdf5(H5Pset_scaleoffset(properties.get(), H5Z_SO_INT, H5Z_SO_INT_MINBITS_DEFAULT),
                        "compress a dataset");
+            check_hdf5(H5Pset_fill_value(properties.get(), Hdf5Type<T>::stored(), nullptr), "compress a dataset");
         }
         return Hdf5Id(H5Dcreate2(parent, name.c_str(), Hdf5Type<T>::stored(), space.get(), H5P_DEFAULT,
                                  properties.get(), H5P_DEFAULT),
@@ -182,6 +216,8 @@ private:
 
     hsize_t length;
     bool growing;
+    hsize_t chunk;
+    bool packed; ///< integers packed chunk by chunk by scale-offset
     hsize_t written = 0;
     Hdf5Id dataset;
 };
