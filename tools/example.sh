@@ -12,4 +12,12 @@ mkdir -p "$out"
 "$build/tools/kavot" image "$out/sample_counts.raw" "$out/sample_counts.png" 4
 "$build/tools/kavot" image "$out/sample_counts.raw" "$out/sample_counts.tiff"
 "$build/tools/kavot" export "$out/sample.kavotphot" "$out/sample.h5"
-echo "example: photon file, raw image, a PNG and a TIFF of it, and an HDF5 export are in $out/"
+# A quad detector recording of 20 s (four chips, heartbeats every second, a stale one each, a 60 Hz trigger
+# on every chip, hits up to 1 ms late), converted with continuous time and the chips in place.
+"$build/tools/tpx3gen" -o "$out/quad.tpx3" --chips 4 --duration 20 --rate 200000 --heartbeat 1 --stale 1 \
+    --tdc-rate 60 --disorder 1e-3 --max-chunk 8 --seed 1
+"$build/tools/kavot" convert "$out/quad.tpx3" "$out/quad.h5" --image "$out/quad_counts.tiff"
+"$build/tools/kavot" convert "$out/quad.tpx3" "$out/quad.kavotphot"
+"$build/tools/kavot" image "$out/quad.kavotphot" "$out/quad_counts.png" 4
+echo "example: photon file, raw image, a PNG and a TIFF of it, and an HDF5 export are in $out/; the quad's"
+echo "conversion (quad.h5, quad.kavotphot, quad_counts.tiff, quad_counts.png) too"
