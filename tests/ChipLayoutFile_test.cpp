@@ -7,7 +7,6 @@
 
 using kavot_tpx3spidr::ChipLayout;
 using kavot_tpx3spidr::ChipTransform;
-using Chips = std::vector<std::pair<int, ChipTransform>>;
 
 namespace {
 
@@ -27,28 +26,13 @@ std::string row0(const std::string& row) {
 
 const std::string quadEntries = entry("0", "[[1,0,258],[0,1,0]]") + "," + entry("1", "[[-1,0,513],[0,-1,513]]") + "," +
                                 entry("2", "[[-1,0,255],[0,-1,513]]") + "," + entry("3", "[[1,0,0],[0,1,0]]");
-const std::string quadJson = layoutJson(quadEntries);
 
-/// `depth` levels of `open`, then `middle`, then `depth` levels of `close`.
-std::string nested(const std::string& open, const std::string& middle, const std::string& close, std::size_t depth) {
-    std::string text;
-    text.reserve(depth * (open.size() + close.size()) + middle.size());
-    for (std::size_t k = 0; k < depth; ++k) {
-        text += open;
-    }
-    text += middle;
-    for (std::size_t k = 0; k < depth; ++k) {
-        text += close;
-    }
-    return text;
-}
-
-/// What reading `text` gives: the layout's canvas and chips in one line, or the message it was refused with.
-std::string outcome(const std::function<ChipLayout()>& read) {
+/// The canvas (and, with `chips`, each chip and its transform) that `read` gives, or the message it throws.
+std::string outcome(const std::function<ChipLayout()>& read, bool chips = true) {
     try {
         const ChipLayout layout = read();
         std::string text = std::to_string(layout.width_px()) + "x" + std::to_string(layout.height_px());
-        for (const auto& [chip, t] : layout.listed()) {
+        for (const auto& [chip, t] : chips ? layout.listed() : std::vector<std::pair<int, ChipTransform>>{}) {
             for (const int v : {chip, t.a, t.b, t.tx, t.c, t.d, t.ty}) {
                 text += " " + std::to_string(v);
             }
@@ -62,47 +46,38 @@ std::string outcome(const std::function<ChipLayout()>& read) {
 } // namespace
 
 TEST(ChipLayout, ChecksEveryPlaceAtItsBoundaries) {
-    const ChipTransform at0{};
-    const auto shifted = [](int tx, int ty) { return ChipTransform{1, 0, tx, 0, 1, ty}; };
-    const std::pair<Chips, std::string> cases[] = {
-        // Touching squares share no pixel; one pixel more and they do, on each of the four sides.
-        {{{0, at0}, {1, shifted(256, 0)}}, "512x256 0 1 0 0 0 1 0 1 1 0 256 0 1 0"},
-        {{{0, shifted(256, 256)}, {1, shifted(0, 0)}}, "512x512 0 1 0 256 0 1 256 1 1 0 0 0 1 0"},
-        {{{0, at0}, {1, shifted(255, 0)}}, "chip 1 overlaps chip 0!"},
-        {{{0, at0}, {1, shifted(0, 255)}}, "chip 1 overlaps chip 0!"},
-        {{{0, shifted(256, 256)}, {1, shifted(1, 256)}}, "chip 1 overlaps chip 0!"},
-        {{{0, shifted(256, 256)}, {1, shifted(256, 1)}}, "chip 1 overlaps chip 0!"},
+    const auto at = [](int tx, int ty) { return ChipTransform{1, 0, tx, 0, 1, ty}; };
+    const std::pair<std::vector<std::pair<int, ChipTransform>>, std::string> cases[] = {
+        // Squares that touch share no pixel (listed both ways round, so that each side is once the only one
+        // that touches); one pixel more and they overlap.
+        {{{0, at(0, 0)}, {1, at(256, 0)}, {2, at(0, 256)}, {3, at(256, 256)}}, "512x512"},
+        {{{0, at(256, 256)}, {1, at(0, 256)}, {2, at(256, 0)}, {3, at(0, 0)}}, "512x512"},
+        {{{0, at(0, 0)}, {1, at(255, 255)}}, "chip 1 overlaps chip 0!"},
+        {{{0, at(255, 255)}, {1, at(0, 0)}}, "chip 1 overlaps chip 0!"},
         // A mirror reaches back 255 pixels from its offset.
-        {{{0, {-1, 0, 255, 0, -1, 255}}}, "256x256 0 -1 0 255 0 -1 255"},
+        {{{0, {-1, 0, 255, 0, -1, 255}}}, "256x256"},
         {{{0, {-1, 0, 254, 0, 1, 0}}}, "chip 0 is placed at negative canvas coordinates (-1, 0)!"},
-        {{{0, shifted(0, -1)}}, "chip 0 is placed at negative canvas coordinates (0, -1)!"},
-        {{{0, shifted(3840, 3840)}}, "4096x4096 0 1 0 3840 0 1 3840"},
-        {{{0, shifted(3841, 0)}}, "chip 0 lies beyond a canvas of 4096 x 4096 pixels!"},
-        {{{0, shifted(0, 3841)}}, "chip 0 lies beyond a canvas of 4096 x 4096 pixels!"},
-        {{{0, {0, 1, 0, -1, 0, 255}}}, "256x256 0 0 1 0 -1 0 255"},
+        {{{0, at(0, -1)}}, "chip 0 is placed at negative canvas coordinates (0, -1)!"},
+        {{{0, at(3840, 3840)}}, "4096x4096"},
+        {{{0, at(3841, 0)}}, "chip 0 lies beyond a canvas of 4096 x 4096 pixels!"},
+        {{{0, at(0, 3841)}}, "chip 0 lies beyond a canvas of 4096 x 4096 pixels!"},
         {{{0, {1, 1, 0, 0, 1, 0}}},
          "chip 0: the matrix [[a, b], [c, d]] is no rotation or mirror (each row and column one entry of 1 or -1, "
          "the others 0)!"},
-        {{{0, {0, 1, 0, 0, 1, 0}}},
-         "chip 0: the matrix [[a, b], [c, d]] is no rotation or mirror (each row and column one entry of 1 or -1, "
-         "the others 0)!"},
+        {{{0, at(0, 0)}, {0, at(256, 0)}}, "chip 0 is placed twice!"},
     };
     for (const auto& [chips, expected] : cases) {
         SCOPED_TRACE(expected);
-        EXPECT_EQ(outcome([&] { return ChipLayout::make_from_transforms("t", chips); }), expected);
+        EXPECT_EQ(outcome([&] { return ChipLayout::make_from_transforms("t", chips); }, false), expected);
     }
 }
 
 TEST(ChipLayoutFile, QuadFileGivesTheQuadLayoutAndUnknownKeysAreIgnored) {
-    const ChipLayout quad = ChipLayout::quad();
-    EXPECT_EQ(outcome([&] { return parse_chipLayout_json(quadJson, "q"); }), outcome([&] { return quad; }));
-    EXPECT_EQ(quad.width_px(), 514);
     const testsupport::TempDir dir;
     const std::string path = dir / "quad.json";
-    testsupport::writeFile(path, quadJson);
+    testsupport::writeFile(path, layoutJson(quadEntries) + "\n");
     EXPECT_EQ(read_chipLayout_file(path).get_name(), path);
-    EXPECT_EQ(read_chipLayout_file(path).listed(), quad.listed());
-
+    EXPECT_EQ(outcome([&] { return read_chipLayout_file(path); }), outcome([] { return ChipLayout::quad(); }));
     const std::pair<std::string, std::string> cases[] = {
         // Transposed, then rotated a quarter turn beside it.
         {layoutJson(entry("0", "[[0,1,0],[1,0,256]]") + "," + entry("7", "[[0,-1,511],[1,0,0]]")),
@@ -110,7 +85,6 @@ TEST(ChipLayoutFile, QuadFileGivesTheQuadLayoutAndUnknownKeysAreIgnored) {
         {R"({"v": [1, {"detector": 2}], "detector": {"name": "x", "chip_transformations": [{"chip_id": 255, "id": 3,
             "matrix": [[1, 0, 0], [0, 1, 0]], "chip_id": "first one counts"}], "detector": 5}, "detector": 7})",
          "256x256 255 1 0 0 0 1 0"},
-        {quadJson + "  \n", outcome([&] { return quad; })},
     };
     for (const auto& [text, expected] : cases) {
         EXPECT_EQ(outcome([&] { return parse_chipLayout_json(text, "t"); }), expected) << text;
@@ -119,87 +93,51 @@ TEST(ChipLayoutFile, QuadFileGivesTheQuadLayoutAndUnknownKeysAreIgnored) {
 
 TEST(ChipLayoutFile, EveryMalformedInputIsOneLineNamingTheKey) {
     const std::string ok = "[[1,0,0],[0,1,0]]";
-    const std::string notRotation = "chip 0: the matrix [[a, b], [c, d]] is no rotation or mirror (each row and "
-                                    "column one entry of 1 or -1, the others 0)!";
+    const std::string shape = R"(Key "matrix" of chip 3 expected to be 2 rows of 3 integers!)";
     const std::pair<std::string, std::string> cases[] = {
-        {"", R"(Layout "t" is not valid JSON: The document is empty. (at byte 0)!)"},
-        {R"({"detector": {]})", R"(Layout "t" is not valid JSON: Missing a name for object member. (at byte 14)!)"},
         {R"({"detector": {}} x)",
          R"(Layout "t" is not valid JSON: The document root must not be followed by other values. (at byte 17)!)"},
         {"[]", R"(Layout "t" does not hold a JSON object at its root!)"},
         {R"({"Detector": {}})", R"(Key "detector" missing!)"},
         {R"({"detector": []})", R"(Key "detector" expected to be a JSON object!)"},
-        {R"({"detector": {"chip_transformation": []}})", R"(Key "chip_transformations" missing!)"},
         {R"({"detector": {"chip_transformations": {}}})", R"(Key "chip_transformations" expected to be a JSON array!)"},
         {layoutJson(""), R"(Key "chip_transformations" lists no chip!)"},
         {layoutJson(entry("0", ok) + ", [0]"), R"("chip_transformations"[1] expected to be a JSON object!)"},
         {layoutJson(R"({"matrix": [[1,0,0],[0,1,0]]})"), R"(Key "chip_id" missing in "chip_transformations"[0]!)"},
-        {layoutJson(entry("0.0", ok)), R"(Key "chip_id" in "chip_transformations"[0] expected to be an integer!)"},
         {layoutJson(entry("\"0\"", ok)), R"(Key "chip_id" in "chip_transformations"[0] expected to be an integer!)"},
-        {layoutJson(entry("null", ok)), R"(Key "chip_id" in "chip_transformations"[0] expected to be an integer!)"},
         {layoutJson(entry("-1", ok)), R"(Key "chip_id" in "chip_transformations"[0] expected to be from 0 to 255!)"},
         {layoutJson(entry("256", ok)), R"(Key "chip_id" in "chip_transformations"[0] expected to be from 0 to 255!)"},
-        {layoutJson(entry("1e300", ok)), R"(Key "chip_id" in "chip_transformations"[0] expected to be from 0 to 255!)"},
-        {layoutJson(entry("4294967296", ok)),
-         R"(Key "chip_id" in "chip_transformations"[0] expected to be from 0 to 255!)"},
         {layoutJson(R"({"chip_id": 3})"), R"(Key "matrix" missing for chip 3!)"},
-        {layoutJson(entry("3", "[1,0,0,0,1,0]")), R"(Key "matrix" of chip 3 expected to be 2 rows of 3 integers!)"},
-        {layoutJson(entry("3", "[[1,0,0]]")), R"(Key "matrix" of chip 3 expected to be 2 rows of 3 integers!)"},
-        {layoutJson(entry("3", "[[1,0,0],[0,1,0],[0,0,1]]")),
-         R"(Key "matrix" of chip 3 expected to be 2 rows of 3 integers!)"},
-        {layoutJson(entry("3", "[[1,0,0],[0,1]]")), R"(Key "matrix" of chip 3 expected to be 2 rows of 3 integers!)"},
-        {layoutJson(entry("3", "[[1,0,0],[0,1,0,0]]")),
-         R"(Key "matrix" of chip 3 expected to be 2 rows of 3 integers!)"},
-        {layoutJson(entry("3", "[[1,0,0],{}]")), R"(Key "matrix" of chip 3 expected to be 2 rows of 3 integers!)"},
+        {layoutJson(entry("3", "[[1,0,0]]")), shape},
+        {layoutJson(entry("3", "[[1,0,0],[0,1,0],[0,0,1]]")), shape},
+        {layoutJson(entry("3", "[[1,0,0],[0,1,0,0]]")), shape},
         {row0("1.0, 0, 0"), R"("matrix"[0][0] of chip 0 expected to be an integer!)"},
-        {row0("1, 0e0, 0"), R"("matrix"[0][1] of chip 0 expected to be an integer!)"},
-        {row0("1, 0, \"0\""), R"("matrix"[0][2] of chip 0 expected to be an integer!)"},
-        {row0("true, 0, 0"), R"("matrix"[0][0] of chip 0 expected to be an integer!)"},
-        {row0("1, 0, null"), R"("matrix"[0][2] of chip 0 expected to be an integer!)"},
-        {row0("1, 0, 0.5"), R"("matrix"[0][2] of chip 0 expected to be an integer!)"},
         {row0("2, 0, 0"), R"("matrix"[0][0] of chip 0 expected to be -1, 0 or 1!)"},
         {row0("1, -2, 0"), R"("matrix"[0][1] of chip 0 expected to be -1, 0 or 1!)"},
-        {row0("1e300, 0, 0"), R"("matrix"[0][0] of chip 0 expected to be -1, 0 or 1!)"},
         {row0("1, 0, 16385"), R"("matrix"[0][2] of chip 0 expected to be from -16384 to 16384!)"},
         {row0("1, 0, -16385"), R"("matrix"[0][2] of chip 0 expected to be from -16384 to 16384!)"},
-        {row0("1, 0, 18446744073709551615"), R"("matrix"[0][2] of chip 0 expected to be from -16384 to 16384!)"},
+        // Too long for 64 bits, it arrives as a double: out of range, not a fraction.
         {row0("1, 0, 18446744073709551616"), R"("matrix"[0][2] of chip 0 expected to be from -16384 to 16384!)"},
-        {row0("1, 0, -1e300"), R"("matrix"[0][2] of chip 0 expected to be from -16384 to 16384!)"},
         {layoutJson(entry("0", "[[1,0,0],[0,1,-4294967296]]")),
          R"("matrix"[1][2] of chip 0 expected to be from -16384 to 16384!)"},
         // Offsets the reader lets through are the layout's to refuse.
         {row0("1, 0, 16384"), "chip 0 lies beyond a canvas of 4096 x 4096 pixels!"},
         {row0("1, 0, -16384"), "chip 0 is placed at negative canvas coordinates (-16384, 0)!"},
-        {row0("1, 1, 0"), notRotation},
-        {layoutJson(entry("0", ok) + "," + entry("0", ok)), "chip 0 is placed twice!"},
-        {layoutJson(entry("0", ok) + "," + entry("1", "[[1,0,255],[0,1,0]]")), "chip 1 overlaps chip 0!"},
     };
     for (const auto& [text, expected] : cases) {
         EXPECT_EQ(outcome([&] { return parse_chipLayout_json(text, "t"); }), expected) << text;
     }
     const testsupport::TempDir dir;
-    for (const std::string& path : {dir / "none.json", dir.path.string()}) {
-        EXPECT_EQ(outcome([&] { return read_chipLayout_file(path); }), "Unable to open file \"" + path + "\" !");
-    }
+    EXPECT_EQ(outcome([&] { return read_chipLayout_file(dir.path.string()); }),
+              "Unable to open file \"" + dir.path.string() + "\" !");
 }
 
 TEST(ChipLayoutFile, MillionLevelsOfNestingAreRefusedOrIgnoredWithoutRecursion) {
-    // Parsed, walked or destroyed by recursion, these overflow the stack of the sanitizer build.
-    constexpr std::size_t depth = 1'000'000;
-    const std::string deepArray = nested("[", "", "]", depth);
-    const std::string deepObject = nested(R"({"a":)", "{}", "}", depth);
-    const std::string quad = outcome([] { return ChipLayout::quad(); });
-    const std::pair<std::string, std::string> cases[] = {
-        {nested("[", "", "", depth), R"(Layout "t" is not valid JSON: Invalid value. (at byte 1000000)!)"},
-        {nested(R"({"a":)", "", "", depth), R"(Layout "t" is not valid JSON: Invalid value. (at byte 5000000)!)"},
-        {deepArray, R"(Layout "t" does not hold a JSON object at its root!)"},
-        {R"({"detector": )" + deepObject + "}", R"(Key "chip_transformations" missing!)"},
-        {layoutJson(entry("0", deepArray)), R"(Key "matrix" of chip 0 expected to be 2 rows of 3 integers!)"},
-        {R"({"x": )" + deepArray + R"(, "detector": {"y": )" + deepObject + R"(, "chip_transformations": [)" +
-             quadEntries + "]}}",
-         quad},
-    };
-    for (const auto& [text, expected] : cases) {
-        EXPECT_EQ(outcome([&] { return parse_chipLayout_json(text, "t"); }), expected) << text.substr(0, 40);
-    }
+    // Parsed, walked or destroyed by recursion, these overflow the stack.
+    const std::string open(1'000'000, '['), deep = open + std::string(1'000'000, ']');
+    EXPECT_EQ(outcome([&] { return parse_chipLayout_json(open, "t"); }),
+              R"(Layout "t" is not valid JSON: Invalid value. (at byte 1000000)!)");
+    const std::string text =
+        R"({"x": )" + deep + R"(, "detector": {"y": )" + deep + R"(, "chip_transformations": [)" + quadEntries + "]}}";
+    EXPECT_EQ(outcome([&] { return parse_chipLayout_json(text, "t"); }), outcome([] { return ChipLayout::quad(); }));
 }
