@@ -107,6 +107,7 @@ TEST(Conversion, RecoversTheGeneratedPhotonsTriggersAndTimesOfFlight) {
             ASSERT_EQ(p.measures.photon.y.get_value(), static_cast<int>(expected.y_raw));
             // The centroid lies within the cluster's spread (at most 2 pixels) of the point drawn around.
             ASSERT_NEAR(p.measures.photon.x.get_px(), expected.cx_px, 2.5);
+            ASSERT_NEAR(p.measures.photon.y.get_px(), expected.cy_px, 2.5);
             ASSERT_EQ(p.trigger, expected.trigger);
             ASSERT_EQ(p.tof_ticks, expected.tof_ticks);
             ASSERT_EQ(p.measures.nHits, expected.nHits);

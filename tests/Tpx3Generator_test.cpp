@@ -1,5 +1,5 @@
 // The generator's whole-detector recordings against code it does not share: the layout's transforms and the
-// packet decoder. Conversion_test.cpp checks a conversion against their truth; this file what it does not show.
+// packet decoder. Conversion_test.cpp checks a conversion against their truth; this file checks what that cannot see.
 
 #include <algorithm>
 #include <cstdint>
