@@ -8,7 +8,7 @@ gtest_discover_tests(kavot_survey_tests DISCOVERY_TIMEOUT 60 PROPERTIES LABELS u
 
 # kavot convert against the truth of generated recordings, and on the real quad recordings.
 add_executable(kavot_conversion_tests Conversion_test.cpp ScaleOffset_test.cpp)
-target_link_libraries(kavot_conversion_tests PRIVATE kavot_conversion kavot_tools GTest::gtest_main kavot_warnings)
+target_link_libraries(kavot_conversion_tests PRIVATE kavot_toolkit kavot_tools GTest::gtest_main kavot_warnings)
 target_compile_definitions(kavot_conversion_tests PRIVATE KAVOT_TEST_DATA_DIR="${KAVOT_TEST_DATA_DIR}")
 gtest_discover_tests(kavot_conversion_tests TEST_FILTER "-RealRecordings.*" DISCOVERY_TIMEOUT 60 PROPERTIES LABELS unit)
 gtest_discover_tests(kavot_conversion_tests TEST_FILTER "RealRecordings.*" DISCOVERY_TIMEOUT 60 PROPERTIES LABELS data)

@@ -29,8 +29,9 @@ public:
                    const std::vector<ConversionOutput*>& outputs_,
                    ConversionFacts& facts_,
                    ProgressLine* progress_,
-                   const std::function<void()>& checkpoint_)
-        : latest(triggers), outputs(outputs_), facts(facts_), progress(progress_), checkpoint(checkpoint_) {
+                   const HitsBehind& behind_,
+                   const ConversionHooks& hooks_)
+        : latest(triggers), outputs(outputs_), facts(facts_), progress(progress_), behind(behind_), hooks(hooks_) {
         batch.reserve(batch_photons);
     }
 
@@ -59,12 +60,18 @@ public:
         for (ConversionOutput* output : outputs) {
             output->photons(batch.data(), batch.size());
         }
-        if (progress != nullptr && !batch.empty()) {
-            progress->photonAt(batch.back().measures.photon.toa.get_value(), ProgressLine::Clock::now());
+        if (!batch.empty()) {
+            const long toa = batch.back().measures.photon.toa.get_value();
+            if (progress != nullptr) {
+                progress->photonAt(toa, ProgressLine::Clock::now());
+            }
+            if (hooks.progress) {
+                hooks.progress(behind.at(toa), behind.total());
+            }
         }
         batch.clear();
-        if (checkpoint) {
-            checkpoint();
+        if (hooks.checkpoint) {
+            hooks.checkpoint();
         }
     }
 
@@ -75,7 +82,8 @@ private:
     const std::vector<ConversionOutput*>& outputs;
     ConversionFacts& facts;
     ProgressLine* progress;
-    const std::function<void()>& checkpoint;
+    const HitsBehind& behind;
+    const ConversionHooks& hooks;
     std::vector<ConvertedPhoton> batch;
 };
 
@@ -85,13 +93,10 @@ ConversionFacts convert_recording(const std::string& input,
                                   const ConversionSettings& settings,
                                   const std::vector<ConversionOutput*>& outputs,
                                   const std::string& spillFolder,
-                                  const std::function<void()>& checkpoint) {
+                                  const ConversionHooks& hooks) {
     const Tpx3InputFile file(input);
     Tpx3ChipClockCensus clock(settings.trigger);
-    const Tpx3Census census = census_tpx3(clock, file, spillFolder);
-    if (checkpoint) {
-        checkpoint();
-    }
+    const Tpx3Census census = census_tpx3(clock, file, spillFolder, hooks.checkpoint);
     ConversionFacts facts;
     facts.input = input;
     facts.inputSize_bytes = file.size_bytes();
@@ -117,9 +122,10 @@ ConversionFacts convert_recording(const std::string& input,
     // Only a terminal shows the progress line; it is gone before anything else is written.
     std::optional<ProgressLine> progress;
     if (settings.progress && isatty(STDERR_FILENO) == 1) {
-        progress.emplace(STDERR_FILENO, census, ProgressLine::Clock::now());
+        progress.emplace(STDERR_FILENO, census, ProgressLine::Clock::now(), "kavot convert");
     }
-    ConversionSink sink(triggers, outputs, facts, progress ? &*progress : nullptr, checkpoint);
+    const HitsBehind behind(census);
+    ConversionSink sink(triggers, outputs, facts, progress ? &*progress : nullptr, behind, hooks);
     const unsigned workers = settings.threads > 0 ? settings.threads : usableCpus();
     const std::vector<Tpx3Part> parts = workers > 1 ? plan_parts(census, partSize_hits(census)) : Tpx3Part::whole();
     cluster_inParts(
@@ -127,7 +133,7 @@ ConversionFacts convert_recording(const std::string& input,
         [&](auto& sequence, auto& photons) {
             reconstruct_photonEvents_into(settings.algorithm, sequence, settings.clustering, photons);
         },
-        sink);
+        sink, hooks.checkpoint);
     sink.flush();
     progress.reset();
     file.check_unchanged();

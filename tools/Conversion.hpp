@@ -80,14 +80,22 @@ public:
                         const kavot_tpx3spidr::SpillingList<kavot_tpx3spidr::Time>& triggers) = 0;
 };
 
+/// What a caller of a conversion is told while it runs, on the calling thread.
+struct ConversionHooks {
+    /// Called now and then: before each block of the census and of the decode, after each batch of photons, and
+    /// at least every 50 ms while the run waits for the photons of parts. It may throw to stop the conversion.
+    std::function<void()> checkpoint;
+    /// Called after each batch of photons with the hits behind the run and all hits of the recording.
+    std::function<void(std::uint64_t done, std::uint64_t total)> progress;
+};
+
 /// Converts the recording `input` into `outputs`. What does not fit in memory waits in temporary files in
-/// `spillFolder`. `checkpoint`, if given, is called now and then on the calling thread; it may throw to stop the
-/// conversion. Throws `std::invalid_argument` (and the decoder's `std::logic_error`) with one line for anything
+/// `spillFolder`. Throws `std::invalid_argument` (and the decoder's `std::logic_error`) with one line for anything
 /// that keeps the recording from being converted.
 ConversionFacts convert_recording(const std::string& input,
                                   const ConversionSettings& settings,
                                   const std::vector<ConversionOutput*>& outputs,
                                   const std::string& spillFolder,
-                                  const std::function<void()>& checkpoint = {});
+                                  const ConversionHooks& hooks = {});
 
 } // namespace kavot_tool

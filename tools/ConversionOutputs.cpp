@@ -3,11 +3,16 @@
 #include <cassert>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
 #include "CountTiff.hpp"
 #include "Hdf5File.hpp"
+#include "KavotCommand.hpp"
+#include "ReplacingFile.hpp"
+#include "RunResources.hpp"
+#include "Tpx3InputFile.hpp"
 
 namespace kavot_tool {
 
@@ -49,6 +54,104 @@ const char* triggerName(kavot_tpx3spidr::tpx3::TdcKind kind) {
 const char* compressionName(Hdf5Compression compression) {
     constexpr const char* names[] = {"small: shuffle and deflate", "fast: scale-offset of the integer columns", "none"};
     return names[static_cast<std::size_t>(compression)];
+}
+
+std::vector<ConversionAttribute>
+conversion_attributes(const ConversionFacts& facts, const ConversionSettings& settings, Hdf5Compression compression) {
+    std::vector<ConversionAttribute> attributes;
+    const auto text = [&](const char* name, std::string value) { attributes.emplace_back(name, std::move(value)); };
+    const auto integer = [&](const char* name, std::uint64_t value) {
+        attributes.emplace_back(name, static_cast<std::int64_t>(value));
+    };
+    const auto real = [&](const char* name, double value) { attributes.emplace_back(name, value); };
+    text("program", "kavot convert");
+    text("program_version", KAVOT_VERSION);
+    text("source_file", std::filesystem::path(facts.input).filename().string());
+    integer("source_size_bytes", facts.inputSize_bytes);
+    real("tick_s", Time::tick_seconds);
+    integer("canvas_width_px", static_cast<std::uint64_t>(facts.layout.width_px()));
+    integer("canvas_height_px", static_cast<std::uint64_t>(facts.layout.height_px()));
+    text("layout", facts.layout.get_name());
+    text("layout_transforms", layout_json(facts.layout));
+    text("time_model", facts.followsData ? "no heartbeat: each chip's clock follows its data"
+                                         : "heartbeats: each chip's clock follows its latest valid heartbeat");
+    text("compression", compressionName(compression));
+    integer("stale_heartbeats", facts.staleHeartbeats);
+    integer("time_gaps", facts.gapCount);
+    std::string gaps;
+    for (const auto& gap : facts.gaps) {
+        gaps +=
+            "chip " + std::to_string(gap.chip) + ": " + seconds(gap.from_ticks) + " to " + seconds(gap.to_ticks) + "\n";
+    }
+    text("time_gaps_found", gaps);
+    const auto& c = settings.clustering;
+    real("dtime_s", c.dTime.get_seconds());
+    attributes.emplace_back("dtime_ticks", static_cast<std::int64_t>(c.dTime.get_value()));
+    real("dspace_px", c.dSpace);
+    integer("min_hits", c.nPxMin);
+    integer("max_hits", c.nPxMax);
+    real("min_weight", c.weightMin);
+    real("max_weight", c.weightMax);
+    text("algorithm", settings.algorithmName);
+    text("trigger", triggerName(settings.trigger));
+    integer("hits", facts.hits);
+    integer("trigger_packets", facts.triggerPackets);
+    integer("triggers", facts.triggers);
+    integer("photons", facts.photons);
+    integer("photons_before_first_trigger", facts.photonsBeforeFirstTrigger);
+    return attributes;
+}
+
+namespace {
+
+/// Makes the folder of an output if it is missing, as vundrel does.
+const std::string& inFolder(const std::string& path) {
+    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+    if (!folder.empty()) {
+        std::filesystem::create_directories(folder);
+    }
+    return path;
+}
+
+/// The name of a file that a library writes by name.
+const std::string& named(const ReplacingFile& file, const std::string& path) {
+    if (file.writingPath().empty()) {
+        throw std::invalid_argument("Unable to open output file \"" + path + "\" !");
+    }
+    return file.writingPath();
+}
+
+} // namespace
+
+ConversionFacts convert_toFiles(const ConvertCommandLine& line, const ConversionHooks& hooks) {
+    // Opened here to know the input by its identity: no output may be written into it through a link.
+    const kavot_tpx3spidr::Tpx3InputFile input(line.input);
+    ReplacingFile output(inFolder(line.output), input.get_device(), input.get_inode());
+    std::optional<ReplacingFile> imageFile;
+    if (line.image) {
+        imageFile.emplace(inFolder(*line.image), input.get_device(), input.get_inode());
+    }
+    std::unique_ptr<ConversionOutput> photons;
+    if (has_suffix(line.output, ".kavotphot")) {
+        photons = std::make_unique<PhotonFileOutput>(output.fd());
+    } else {
+        photons = std::make_unique<Hdf5PhotonOutput>(named(output, line.output), line.settings, line.compression);
+    }
+    std::vector<ConversionOutput*> outputs{photons.get()};
+    std::unique_ptr<CanvasImageOutput> image;
+    if (imageFile) {
+        image = std::make_unique<CanvasImageOutput>(named(*imageFile, *line.image), line.binsPerPixel);
+        outputs.push_back(image.get());
+    }
+    const ConversionFacts facts =
+        convert_recording(line.input, line.settings, outputs, spillFolder(line.output), hooks);
+    if (!output.commit()) {
+        throw std::invalid_argument("Unable to write output file \"" + line.output + "\" completely; it was removed!");
+    }
+    if (imageFile && !imageFile->commit()) {
+        throw std::invalid_argument("Unable to write image \"" + *line.image + "\" completely; it was removed!");
+    }
+    return facts;
 }
 
 /// The open file and its columns, from `begin` to `finish`.
@@ -126,47 +229,10 @@ void Hdf5PhotonOutput::finish(const ConversionFacts& facts, const SpillingList<T
         t.close();
         group.close_checked("close group triggers");
     }
-    const hid_t root = o.file.get();
-    const auto integer = [&](const char* name, std::uint64_t value) {
-        write_attribute(root, name, static_cast<std::int64_t>(value));
-    };
-    write_attribute(root, "program", std::string("kavot convert"));
-    write_attribute(root, "program_version", std::string(KAVOT_VERSION));
-    write_attribute(root, "source_file", std::filesystem::path(facts.input).filename().string());
-    integer("source_size_bytes", facts.inputSize_bytes);
-    write_attribute(root, "tick_s", Time::tick_seconds);
-    integer("canvas_width_px", static_cast<std::uint64_t>(facts.layout.width_px()));
-    integer("canvas_height_px", static_cast<std::uint64_t>(facts.layout.height_px()));
-    write_attribute(root, "layout", facts.layout.get_name());
-    write_attribute(root, "layout_transforms", layout_json(facts.layout));
-    write_attribute(root, "time_model",
-                    std::string(facts.followsData ? "no heartbeat: each chip's clock follows its data"
-                                                  : "heartbeats: each chip's clock follows its "
-                                                    "latest valid heartbeat"));
-    write_attribute(root, "compression", std::string(compressionName(compression)));
-    integer("stale_heartbeats", facts.staleHeartbeats);
-    integer("time_gaps", facts.gapCount);
-    std::string gaps;
-    for (const auto& gap : facts.gaps) {
-        gaps +=
-            "chip " + std::to_string(gap.chip) + ": " + seconds(gap.from_ticks) + " to " + seconds(gap.to_ticks) + "\n";
+    for (const auto& [name, value] : conversion_attributes(facts, settings, compression)) {
+        std::visit([&, &attribute = name](const auto& v) { write_attribute(o.file.get(), attribute.c_str(), v); },
+                   value);
     }
-    write_attribute(root, "time_gaps_found", gaps);
-    const auto& c = settings.clustering;
-    write_attribute(root, "dtime_s", c.dTime.get_seconds());
-    write_attribute(root, "dtime_ticks", static_cast<std::int64_t>(c.dTime.get_value()));
-    write_attribute(root, "dspace_px", c.dSpace);
-    integer("min_hits", c.nPxMin);
-    integer("max_hits", c.nPxMax);
-    write_attribute(root, "min_weight", c.weightMin);
-    write_attribute(root, "max_weight", c.weightMax);
-    write_attribute(root, "algorithm", settings.algorithmName);
-    write_attribute(root, "trigger", std::string(triggerName(settings.trigger)));
-    integer("hits", facts.hits);
-    integer("trigger_packets", facts.triggerPackets);
-    integer("triggers", facts.triggers);
-    integer("photons", facts.photons);
-    integer("photons_before_first_trigger", facts.photonsBeforeFirstTrigger);
     o.file.close();
     open.reset();
 }

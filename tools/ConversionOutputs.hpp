@@ -9,9 +9,12 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
+#include <variant>
 #include <vector>
 
 #include "Conversion.hpp"
+#include "ConvertOptions.hpp"
 #include "Hdf5File.hpp"
 #include "PhotonFileWriter.hpp"
 
@@ -78,6 +81,18 @@ private:
 
 /// How the attributes name a compression.
 const char* compressionName(Hdf5Compression compression);
+
+/// One attribute of a conversion's HDF5 file: text, integer or real.
+using ConversionAttribute = std::pair<std::string, std::variant<std::string, std::int64_t, double>>;
+
+/// The attributes of a conversion's HDF5 file at its root: the program and the source, the canvas and the
+/// layout, the time model, stale heartbeats and gaps, every setting, and the totals.
+std::vector<ConversionAttribute>
+conversion_attributes(const ConversionFacts& facts, const ConversionSettings& settings, Hdf5Compression compression);
+
+/// Converts `line.input` into the files `line` names (the photon output, and the image when asked), each complete
+/// or not at all and never written into the input; missing folders are made. As `kavot convert` does.
+ConversionFacts convert_toFiles(const ConvertCommandLine& line, const ConversionHooks& hooks = {});
 
 /// The layout as the JSON of a layout file, so that a layout can be read back from the attributes.
 std::string layout_json(const kavot_tpx3spidr::ChipLayout& layout);

@@ -94,7 +94,7 @@ double nonNegative(const std::string& option, const std::string& text, double hi
     return *value;
 }
 
-std::optional<kavot_tpx3spidr::ChipLayout> layoutFor(const std::string& text) {
+std::optional<kavot_tpx3spidr::ChipLayout> layoutFor(const std::string& option, const std::string& text) {
     if (text == "auto") {
         return std::nullopt;
     }
@@ -108,12 +108,12 @@ std::optional<kavot_tpx3spidr::ChipLayout> layoutFor(const std::string& text) {
         return kavot_tpx3spidr::ChipLayout::overlay();
     }
     if (!has_suffix(text, ".json")) {
-        refuse("--layout", text, "give single, quad, overlay or a layout file FILE.json");
+        refuse(option, text, "give single, quad, overlay or a layout file FILE.json");
     }
     try {
         return read_chipLayout_file(text);
     } catch (const std::invalid_argument& error) {
-        throw std::invalid_argument(std::string("--layout: ") + error.what());
+        throw std::invalid_argument(option + ": " + error.what());
     }
 }
 
@@ -140,29 +140,115 @@ Time parse_duration(const std::string& option, const std::string& text) {
            number(text) ? std::string("a time needs its unit: ns, us, ms or s (such as 100ns)") : accepted);
 }
 
+std::string OptionNames::operator()(const std::string& name) const {
+    std::string shown = prefix + name;
+    if (underscores) {
+        std::replace(shown.begin(), shown.end(), '-', '_');
+    }
+    return shown;
+}
+
+void set_convertOption(ConvertCommandLine& line,
+                       const std::string& name,
+                       const std::string& value,
+                       const OptionNames& names) {
+    auto& c = line.settings.clustering;
+    const std::string shown = names(name);
+    const double largest = std::numeric_limits<double>::max();
+    if (name == "dtime") {
+        c.dTime = parse_duration(shown, value);
+    } else if (name == "dspace") {
+        c.dSpace = nonNegative(shown, value, 4096, "a distance in pixels from 0 to 4096 (such as 2)");
+    } else if (name == "min-hits") {
+        c.nPxMin = whole(shown, value, 1, 65535);
+    } else if (name == "max-hits") {
+        c.nPxMax = whole(shown, value, 1, 65535);
+    } else if (name == "min-weight") {
+        c.weightMin = nonNegative(shown, value, largest, "a weight of 0 or more (such as 1)");
+    } else if (name == "max-weight") {
+        c.weightMax = nonNegative(shown, value, largest, "a weight of 0 or more (such as 5000)");
+    } else if (name == "algorithm") {
+        try {
+            line.settings.algorithm = algorithm_fromName(value);
+        } catch (const std::invalid_argument&) {
+            refuse(shown, value, "give default, fullChain_direct, checkNextOnly or forwardChain_pixelBuildup");
+        }
+        line.settings.algorithmName = value;
+    } else if (name == "layout") {
+        line.layoutArgument = value;
+        line.settings.layout = layoutFor(shown, value);
+    } else if (name == "trigger") {
+        constexpr std::pair<const char*, TdcKind> edges[] = {{"tdc1-rising", TdcKind::tdc1Rising},
+                                                             {"tdc1-falling", TdcKind::tdc1Falling},
+                                                             {"tdc2-rising", TdcKind::tdc2Rising},
+                                                             {"tdc2-falling", TdcKind::tdc2Falling}};
+        const auto* found =
+            std::find_if(std::begin(edges), std::end(edges), [&](const auto& edge) { return value == edge.first; });
+        if (found == std::end(edges)) {
+            refuse(shown, value, "give tdc1-rising, tdc1-falling, tdc2-rising or tdc2-falling");
+        }
+        line.settings.trigger = found->second;
+    } else if (name == "image") {
+        if (!has_suffix(value, ".tiff") && !has_suffix(value, ".tif")) {
+            refuse(shown, value, "give a file name ending in .tiff or .tif");
+        }
+        line.image = value;
+    } else if (name == "bin") {
+        line.binsPerPixel = whole(shown, value, 1, 64);
+    } else if (name == "threads") {
+        line.settings.threads = whole(shown, value, 1, 256);
+    } else if (name == "compression") {
+        constexpr std::pair<const char*, Hdf5Compression> kinds[] = {
+            {"fast", Hdf5Compression::fast}, {"small", Hdf5Compression::small}, {"none", Hdf5Compression::none}};
+        const auto* found =
+            std::find_if(std::begin(kinds), std::end(kinds), [&](const auto& kind) { return value == kind.first; });
+        if (found == std::end(kinds)) {
+            refuse(shown, value, "give fast, small or none");
+        }
+        line.compression = found->second;
+    } else {
+        throw std::invalid_argument("unknown option " + shown + "!");
+    }
+}
+
+void check_convertOptions(const ConvertCommandLine& line, const OptionNames& names) {
+    const auto& c = line.settings.clustering;
+    if (c.nPxMin > c.nPxMax) {
+        throw std::invalid_argument(names("min-hits") + " " + std::to_string(c.nPxMin) + " is above " +
+                                    names("max-hits") + " " + std::to_string(c.nPxMax) +
+                                    ": no photon could be accepted!");
+    }
+    if (c.weightMin > c.weightMax) {
+        throw std::invalid_argument(names("min-weight") + " is above " + names("max-weight") +
+                                    ": no photon could be accepted!");
+    }
+}
+
+void check_paths(const std::string& input, const std::string& output, const OptionNames& names) {
+    if (!has_suffix(input, ".tpx3")) {
+        refuse(names.underscores ? "path" : "INPUT", input, "give a .tpx3 recording");
+    }
+    if (!has_suffix(output, ".h5") && !has_suffix(output, ".hdf5") && !has_suffix(output, ".kavotphot")) {
+        refuse(names.underscores ? "output" : "OUTPUT", output, "give a file name ending in .h5 or .kavotphot");
+    }
+}
+
 ConvertCommandLine parse_convertOptions(const std::vector<std::string>& args) {
     ConvertCommandLine line;
     CLI::App app("kavot convert", "kavot convert");
     app.set_help_flag();
     app.allow_extras(false);
     std::vector<std::string> operands;
-    std::optional<std::string> dtime, dspace, minHits, maxHits, minWeight, maxWeight, algorithm, layout, trigger, bin,
-        threads, compression;
     app.add_flag("-h,--help", line.help);
     app.add_option("operands", operands);
-    app.add_option("--dtime", dtime);
-    app.add_option("--dspace", dspace);
-    app.add_option("--min-hits", minHits);
-    app.add_option("--max-hits", maxHits);
-    app.add_option("--min-weight", minWeight);
-    app.add_option("--max-weight", maxWeight);
-    app.add_option("--algorithm", algorithm);
-    app.add_option("--layout", layout);
-    app.add_option("--trigger", trigger);
-    app.add_option("--image", line.image);
-    app.add_option("--bin", bin);
-    app.add_option("--threads", threads);
-    app.add_option("--compression", compression);
+    const char* const names[] = {"dtime",  "dspace",  "min-hits", "max-hits", "min-weight", "max-weight", "algorithm",
+                                 "layout", "trigger", "image",    "bin",      "threads",    "compression"};
+    std::vector<std::pair<std::string, std::optional<std::string>>> given;
+    given.reserve(std::size(names));
+    for (const char* name : names) {
+        given.emplace_back(name, std::nullopt);
+        app.add_option(std::string("--") + name, given.back().second);
+    }
     try {
         // CLI11 takes the arguments in reverse order.
         std::vector<std::string> reversed(args.rbegin(), args.rend());
@@ -180,84 +266,14 @@ ConvertCommandLine parse_convertOptions(const std::vector<std::string>& args) {
     }
     line.input = operands[0];
     line.output = operands[1];
-    if (!has_suffix(line.input, ".tpx3")) {
-        refuse("INPUT", line.input, "give a .tpx3 recording");
-    }
-    if (!has_suffix(line.output, ".h5") && !has_suffix(line.output, ".hdf5") &&
-        !has_suffix(line.output, ".kavotphot")) {
-        refuse("OUTPUT", line.output, "give a file name ending in .h5 or .kavotphot");
-    }
-    auto& c = line.settings.clustering;
-    if (dtime) {
-        c.dTime = parse_duration("--dtime", *dtime);
-    }
-    if (dspace) {
-        c.dSpace = nonNegative("--dspace", *dspace, 4096, "a distance in pixels from 0 to 4096 (such as 2)");
-    }
-    if (minHits) {
-        c.nPxMin = whole("--min-hits", *minHits, 1, 65535);
-    }
-    if (maxHits) {
-        c.nPxMax = whole("--max-hits", *maxHits, 1, 65535);
-    }
-    if (c.nPxMin > c.nPxMax) {
-        throw std::invalid_argument("--min-hits " + std::to_string(c.nPxMin) + " is above --max-hits " +
-                                    std::to_string(c.nPxMax) + ": no photon could be accepted!");
-    }
-    const double largest = std::numeric_limits<double>::max();
-    if (minWeight) {
-        c.weightMin = nonNegative("--min-weight", *minWeight, largest, "a weight of 0 or more (such as 1)");
-    }
-    if (maxWeight) {
-        c.weightMax = nonNegative("--max-weight", *maxWeight, largest, "a weight of 0 or more (such as 5000)");
-    }
-    if (c.weightMin > c.weightMax) {
-        throw std::invalid_argument("--min-weight is above --max-weight: no photon could be accepted!");
-    }
-    if (algorithm) {
-        try {
-            line.settings.algorithm = algorithm_fromName(*algorithm);
-        } catch (const std::invalid_argument&) {
-            refuse("--algorithm", *algorithm,
-                   "give default, fullChain_direct, checkNextOnly or forwardChain_pixelBuildup");
+    const OptionNames commandLine{"--", false};
+    check_paths(line.input, line.output, commandLine);
+    for (const auto& [name, value] : given) {
+        if (value) {
+            set_convertOption(line, name, *value, commandLine);
         }
-        line.settings.algorithmName = *algorithm;
     }
-    if (layout) {
-        line.layoutArgument = *layout;
-        line.settings.layout = layoutFor(*layout);
-    }
-    if (trigger) {
-        constexpr std::pair<const char*, TdcKind> edges[] = {{"tdc1-rising", TdcKind::tdc1Rising},
-                                                             {"tdc1-falling", TdcKind::tdc1Falling},
-                                                             {"tdc2-rising", TdcKind::tdc2Rising},
-                                                             {"tdc2-falling", TdcKind::tdc2Falling}};
-        const auto* found =
-            std::find_if(std::begin(edges), std::end(edges), [&](const auto& edge) { return *trigger == edge.first; });
-        if (found == std::end(edges)) {
-            refuse("--trigger", *trigger, "give tdc1-rising, tdc1-falling, tdc2-rising or tdc2-falling");
-        }
-        line.settings.trigger = found->second;
-    }
-    if (line.image && !has_suffix(*line.image, ".tiff") && !has_suffix(*line.image, ".tif")) {
-        refuse("--image", *line.image, "give a file name ending in .tiff or .tif");
-    }
-    if (bin) {
-        line.binsPerPixel = whole("--bin", *bin, 1, 64);
-    }
-    if (threads) {
-        line.settings.threads = whole("--threads", *threads, 1, 256);
-    }
-    if (compression) {
-        constexpr std::pair<const char*, Hdf5Compression> kinds[] = {
-            {"fast", Hdf5Compression::fast}, {"small", Hdf5Compression::small}, {"none", Hdf5Compression::none}};
-        const auto* found = std::find_if(std::begin(kinds), std::end(kinds),
-                                         [&](const auto& kind) { return *compression == kind.first; });
-        if (found == std::end(kinds)) {
-            refuse("--compression", *compression, "give fast, small or none");
-        }
-        line.compression = found->second;
-    }
+    check_convertOptions(line, commandLine);
     return line;
 }
 

@@ -1,6 +1,5 @@
 // kavot info --json: the survey of a recording as one JSON object.
 
-#include <cstdio>
 #include <string>
 
 #include <rapidjson/stringbuffer.h>
@@ -16,7 +15,7 @@ constexpr const char* tdcKindNames[] = {"tdc1_rising", "tdc1_falling", "tdc2_ris
 
 } // namespace
 
-void print_json(const std::string& path, const Tpx3Survey& found) {
+std::string info_json(const std::string& path, const Tpx3Survey& found) {
     rapidjson::StringBuffer buffer;
     rapidjson::Writer<rapidjson::StringBuffer> json(buffer);
     const auto optionalNumber = [&](bool present, double value) { present ? json.Double(value) : json.Null(); };
@@ -150,7 +149,7 @@ void print_json(const std::string& path, const Tpx3Survey& found) {
     const std::string error = refusal(found);
     error.empty() ? json.Null() : json.String(error.c_str());
     json.EndObject();
-    std::printf("%s\n", buffer.GetString());
+    return buffer.GetString();
 }
 
 } // namespace kavot_tool::info

@@ -33,7 +33,7 @@ std::optional<double> tdcRate_hz(const Tpx3Survey& found);
 /// Where vundrel's result would not mean what the user may expect, one sentence each.
 std::vector<std::string> warnings(const Tpx3Survey& found);
 
-/// The survey as one JSON object on standard output.
-void print_json(const std::string& path, const Tpx3Survey& found);
+/// The survey as one JSON object, as `kavot info --json` prints it.
+std::string info_json(const std::string& path, const Tpx3Survey& found);
 
 } // namespace kavot_tool::info

@@ -51,7 +51,9 @@ template <typename T>
     const auto span = static_cast<U>(static_cast<U>(highest) - static_cast<U>(lowest));
     const unsigned minbits = span > static_cast<U>(~U{0} - 2) ? width : bitsFor(static_cast<std::uint64_t>(span) + 1);
 
-    std::vector<unsigned char> out(header_bytes, 0);
+    // The whole stored chunk at once: the header, then the values as they are or packed (one byte more).
+    const std::size_t body = minbits == width ? count * sizeof(T) : count * sizeof(T) * minbits / width + 1;
+    std::vector<unsigned char> out(header_bytes + body, 0);
     for (unsigned i = 0; i < 4; ++i) {
         out[i] = static_cast<unsigned char>(minbits >> (8 * i));
     }
@@ -62,11 +64,9 @@ template <typename T>
         out[5 + i] = static_cast<unsigned char>(minimum >> (8 * i));
     }
     if (minbits == width) {
-        out.resize(header_bytes + count * sizeof(T));
         std::memcpy(out.data() + header_bytes, values, count * sizeof(T));
         return out;
     }
-    out.resize(header_bytes + count * sizeof(T) * minbits / width + 1, 0);
     unsigned char* at = out.data() + header_bytes;
     // Bits wait in `pending` (the newest at the bottom) until a whole byte is there; fewer than 8 wait between
     // values, so a value of up to 56 bits always fits beside them, and a wider one goes in two pieces.

@@ -1,19 +1,12 @@
 // kavot convert: photons as the experiment saw them, with continuous time, the chips in place and each trigger once.
 
 #include <cstdio>
-#include <filesystem>
-#include <memory>
-#include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "ConversionOutputs.hpp"
 #include "ConvertOptions.hpp"
 #include "KavotCommand.hpp"
-#include "ReplacingFile.hpp"
-#include "RunResources.hpp"
-#include "Tpx3InputFile.hpp"
 
 namespace kavot_tool {
 
@@ -21,23 +14,6 @@ namespace {
 
 double seconds(long ticks) {
     return kavot_tpx3spidr::Time(ticks).get_seconds();
-}
-
-/// Makes the folder of an output if it is missing, as vundrel does.
-const std::string& inFolder(const std::string& path) {
-    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
-    if (!folder.empty()) {
-        std::filesystem::create_directories(folder);
-    }
-    return path;
-}
-
-/// The name of a file that a library writes by name.
-const std::string& named(const ReplacingFile& file, const std::string& path) {
-    if (file.writingPath().empty()) {
-        throw std::invalid_argument("Unable to open output file \"" + path + "\" !");
-    }
-    return file.writingPath();
 }
 
 void report(const std::string& output, const ConversionFacts& facts) {
@@ -83,32 +59,7 @@ int run_convert(const std::vector<std::string>& words) {
         return 0;
     }
     line.settings.progress = true;
-    // Opened here to know the input by its identity: no output may be written into it through a link.
-    const kavot_tpx3spidr::Tpx3InputFile input(line.input);
-    ReplacingFile output(inFolder(line.output), input.get_device(), input.get_inode());
-    std::optional<ReplacingFile> imageFile;
-    if (line.image) {
-        imageFile.emplace(inFolder(*line.image), input.get_device(), input.get_inode());
-    }
-    std::unique_ptr<ConversionOutput> photons;
-    if (has_suffix(line.output, ".kavotphot")) {
-        photons = std::make_unique<PhotonFileOutput>(output.fd());
-    } else {
-        photons = std::make_unique<Hdf5PhotonOutput>(named(output, line.output), line.settings, line.compression);
-    }
-    std::vector<ConversionOutput*> outputs{photons.get()};
-    std::unique_ptr<CanvasImageOutput> image;
-    if (imageFile) {
-        image = std::make_unique<CanvasImageOutput>(named(*imageFile, *line.image), line.binsPerPixel);
-        outputs.push_back(image.get());
-    }
-    const ConversionFacts facts = convert_recording(line.input, line.settings, outputs, spillFolder(line.output));
-    if (!output.commit()) {
-        throw std::invalid_argument("Unable to write output file \"" + line.output + "\" completely; it was removed!");
-    }
-    if (imageFile && !imageFile->commit()) {
-        throw std::invalid_argument("Unable to write image \"" + *line.image + "\" completely; it was removed!");
-    }
+    const ConversionFacts facts = convert_toFiles(line);
     report(line.output, facts);
     return 0;
 }

@@ -140,7 +140,7 @@ int run_info(const Arguments& arguments) {
     const std::string& path = arguments.operands[0];
     const Tpx3Survey found = kavot_tpx3spidr::survey_tpx3(kavot_tpx3spidr::Tpx3InputFile(path));
     if (arguments.has("json")) {
-        print_json(path, found);
+        std::printf("%s\n", info_json(path, found).c_str());
     } else {
         print_text(path, found);
     }

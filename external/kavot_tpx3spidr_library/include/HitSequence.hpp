@@ -31,6 +31,20 @@ private:
     const Data_Tpx3Spidr& data;
 };
 
+/// Activations held in one array, in time order, as a sequence.
+class ArraySequence {
+public:
+    ArraySequence(const PixelActivation* first_, std::size_t size_) noexcept : first(first_), size(size_) {}
+    [[nodiscard]] bool has(std::size_t position) const noexcept { return position < size; }
+    [[nodiscard]] const PixelActivation& operator[](std::size_t position) const noexcept { return first[position]; }
+    void discardBefore(std::size_t /*position*/) const noexcept {}
+    [[nodiscard]] std::size_t readableEnd() const noexcept { return size; }
+
+private:
+    const PixelActivation* first;
+    std::size_t size;
+};
+
 /// Collects the photons in a list.
 struct VectorPhotonSink {
     using Record = PhotonEvent_type;

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <stdexcept>
@@ -151,8 +152,12 @@ private:
 /// only summed up (counts, smallest and largest time, in vector code), and a block is decoded hit by hit only
 /// where that test fails.
 template <typename Clock, typename Walk, typename Read>
-[[nodiscard]] Tpx3Census
-census(Clock& clock, Walk&& walk, Read&& read, std::uint64_t size_words, const std::string& spillFolder) {
+[[nodiscard]] Tpx3Census census(Clock& clock,
+                                Walk&& walk,
+                                Read&& read,
+                                std::uint64_t size_words,
+                                const std::string& spillFolder,
+                                const std::function<void()>& checkpoint = {}) {
     Tpx3Census census;
     if (!spillFolder.empty()) {
         census.tdcTriggers = SpillingList<Time>(spillFolder, triggersInMemory);
@@ -188,6 +193,9 @@ census(Clock& clock, Walk&& walk, Read&& read, std::uint64_t size_words, const s
             if (census.blocks.empty() || header - census.blocks.back().firstWord >= blockWords) {
                 if (blockOpen) {
                     finish(census.blocks.back());
+                }
+                if (checkpoint) {
+                    checkpoint();
                 }
                 census.blocks.push_back(
                     {header, header, 0, latest, latest, std::numeric_limits<long>::max(), census.tdcTriggers.size()});
@@ -237,16 +245,20 @@ census(Clock& clock, Walk&& walk, Read&& read, std::uint64_t size_words, const s
 } // namespace detail
 
 /// The census of a recording file with `clock`. Trigger times beyond a few million go to a temporary file in
-/// `spillFolder` (kept in memory without one).
+/// `spillFolder` (kept in memory without one). `checkpoint`, if given, is called before each block; it may throw
+/// to end the census.
 template <typename Clock>
-[[nodiscard]] Tpx3Census census_tpx3(Clock& clock, const Tpx3InputFile& file, const std::string& spillFolder = "") {
+[[nodiscard]] Tpx3Census census_tpx3(Clock& clock,
+                                     const Tpx3InputFile& file,
+                                     const std::string& spillFolder = "",
+                                     const std::function<void()>& checkpoint = {}) {
     return detail::census(
         clock,
         [&](std::uint64_t from, auto&& onChunk) { for_eachChunk_tpx3(file, onChunk, std::size_t{1} << 20, from); },
         [&](std::uint64_t first, std::size_t count, std::uint64_t* destination) {
             file.read_words(first, count, destination);
         },
-        file.size_words(), spillFolder);
+        file.size_words(), spillFolder, checkpoint);
 }
 
 /// The census of a recording already in memory (the words are not modified).

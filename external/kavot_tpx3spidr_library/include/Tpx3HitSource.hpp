@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "RunMerge.hpp"
@@ -75,6 +77,9 @@ public:
     }
     [[nodiscard]] const PixelActivation& operator[](std::size_t position) const { return released[position - base]; }
 
+    /// Calls `checkpoint_` before each block is decoded; it may throw to end the reading.
+    void set_checkpoint(std::function<void()> checkpoint_) { checkpoint = std::move(checkpoint_); }
+
     /// Positions from the last `discardBefore` up to this one are held next to each other in memory, until the
     /// next `has` that has to decode.
     [[nodiscard]] std::size_t readableEnd() const noexcept { return base + released.size(); }
@@ -93,6 +98,9 @@ private:
         }
         if (nextBlock == census.blocks.size()) {
             return false;
+        }
+        if (checkpoint) {
+            checkpoint();
         }
         const std::size_t b = nextBlock++;
         const Tpx3Block& block = census.blocks[b];
@@ -137,6 +145,7 @@ private:
     std::vector<PixelActivation> released;         ///< positions from `base` on
     std::size_t base = 0;
     std::size_t discardPoint = 0;
+    std::function<void()> checkpoint;
 };
 
 } // namespace kavot_tpx3spidr

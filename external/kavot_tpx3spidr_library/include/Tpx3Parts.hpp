@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <string>
@@ -212,7 +213,8 @@ private:
 /// run side by side on `workers` threads, each with its own stream of the part's blocks, and their photons
 /// are put one after the other. The activations that wait for their place in the time order take at most about
 /// `memoryLimit_hits` of memory in all; beyond that they go to temporary files in `spillFolder` (see
-/// `Tpx3HitSource`).
+/// `Tpx3HitSource`). `checkpoint`, if given, is called on this thread before each block it decodes and while it
+/// waits for the photons of parts; it may throw to end the clustering.
 template <typename Decoding, typename Cluster, typename Sink>
 void cluster_inParts(const Tpx3InputFile& file,
                      const Tpx3Census& census,
@@ -223,9 +225,11 @@ void cluster_inParts(const Tpx3InputFile& file,
                      const std::string& spillFolder,
                      std::size_t memoryLimit_hits,
                      Cluster cluster,
-                     Sink& sink) {
+                     Sink& sink,
+                     const std::function<void()>& checkpoint = {}) {
     if (parts.size() == 1) {
         Tpx3HitSource source(file, census, decoding, spillFolder, memoryLimit_hits);
+        source.set_checkpoint(checkpoint);
         cluster(source, sink);
         return;
     }
@@ -238,7 +242,7 @@ void cluster_inParts(const Tpx3InputFile& file,
             PartSequence sequence(source, parts[p], end, dT, [&output] { output.checkpoint(); });
             cluster(sequence, output);
         },
-        [&](const typename Sink::Record& photon) { sink.push(photon); });
+        [&](const typename Sink::Record& photon) { sink.push(photon); }, std::size_t{1} << 21, checkpoint);
 }
 
 } // namespace kavot_tpx3spidr

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <exception>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -36,9 +38,19 @@ class TaskOutput;
 /// rethrown here, after the items of the tasks before it (of the failed task, some may be consumed). The worker threads
 /// take no signals (the process's handlers run on the calling thread, whose signal mask the caller controls). When no
 /// more threads can be made, the run goes on with those there are.
+///
+/// While the calling thread waits for items, it calls `whileWaiting` (if given) every `waitStep`: it may throw to end
+/// the run, as `consume` may.
 template <typename Item, typename Produce, typename Consume>
-void run_inOrder(
-    std::size_t count, unsigned workers, Produce produce, Consume consume, std::size_t heldItems = 1 << 21);
+void run_inOrder(std::size_t count,
+                 unsigned workers,
+                 Produce produce,
+                 Consume consume,
+                 std::size_t heldItems = 1 << 21,
+                 const std::function<void()>& whileWaiting = {});
+
+/// How often a waiting caller of `run_inOrder` is given `whileWaiting`.
+constexpr std::chrono::milliseconds waitStep{50};
 
 template <typename Item>
 class TaskOutput {
@@ -59,7 +71,7 @@ public:
 
 private:
     template <typename I, typename P, typename C>
-    friend void run_inOrder(std::size_t, unsigned, P, C, std::size_t);
+    friend void run_inOrder(std::size_t, unsigned, P, C, std::size_t, const std::function<void()>&);
 
     /// Items go over in batches, so that the lock is taken once per batch.
     static constexpr std::size_t batchItems = 4096;
@@ -105,7 +117,12 @@ private:
 };
 
 template <typename Item, typename Produce, typename Consume>
-void run_inOrder(std::size_t count, unsigned workers, Produce produce, Consume consume, std::size_t heldItems) {
+void run_inOrder(std::size_t count,
+                 unsigned workers,
+                 Produce produce,
+                 Consume consume,
+                 std::size_t heldItems,
+                 const std::function<void()>& whileWaiting) {
     using Output = TaskOutput<Item>;
     workers = std::max(workers, 1U);
     const std::size_t ahead = 2 * static_cast<std::size_t>(workers);
@@ -185,7 +202,16 @@ void run_inOrder(std::size_t count, unsigned workers, Produce produce, Consume c
         {
             std::unique_lock lock(shared.mutex);
             auto& task = shared.tasks[head];
-            shared.changed.wait(lock, [&] { return !task.batches.empty() || task.done; });
+            const auto ready = [&] { return !task.batches.empty() || task.done; };
+            if (whileWaiting) {
+                while (!shared.changed.wait_for(lock, waitStep, ready)) {
+                    lock.unlock();
+                    whileWaiting();
+                    lock.lock();
+                }
+            } else {
+                shared.changed.wait(lock, ready);
+            }
             if (task.batches.empty()) {
                 if (task.error) {
                     std::rethrow_exception(task.error);
