@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # End-to-end benchmark: generates recordings with tpx3gen, runs vundrel on each under /usr/bin/time -v and
-# prints wall time, hits per second, peak resident memory and bytes per hit.
+# prints wall time, hits per second, peak resident memory and bytes per hit. chunky_quad_20M is shaped like what
+# acquisitions write: four chips in interleaved chunks of about 8 packets, about half of the hits behind the one
+# before, lags up to 0.5 ms.
 # Usage: bench/run.sh [BUILD_DIR] [WORK_DIR] [EXTRA VUNDREL OPTIONS...]
 set -euo pipefail
 build=${1:-build/release}
@@ -16,6 +18,7 @@ cases=(
     "ordered_20M 20000000 --disorder 1e-7"
     "reverse_5M 5000000 --reverse"
     "disorder_5M 5000000 --disorder 1e-5"
+    "chunky_quad_20M 20000000 --chips 4 --disorder 5e-4 --lag-tail --max-chunk 16 --heartbeat 1"
 )
 printf "%-22s %10s %9s %10s %12s %11s\n" file hits wall_s Mhits/s peak_MiB bytes/hit
 run() {

@@ -30,6 +30,7 @@ struct AcquisitionSettings {
     double heartbeat_seconds = 1; ///< 0: no heartbeat at all
     unsigned staleHeartbeats = 0; ///< per chip, from an earlier acquisition, before the first true one
     bool truth = false;           ///< photons apart and no noise; each photon reported to the sink
+    bool lagTail = false;         ///< readout lags with a long tail (`ChipReadout::lag_withTail`)
 };
 
 /// One photon as drawn, from the hits of it that landed on a pixel. Times in ticks of the heartbeat clock.
@@ -77,6 +78,9 @@ public:
             camera.noiseFraction < 0 || camera.noiseFraction > 1 || camera.disorder_seconds < 0 ||
             camera.tdcRate_perSecond < 0 || camera.startTime_seconds < 0 || settings.heartbeat_seconds < 0) {
             throw std::invalid_argument("generator settings out of range");
+        }
+        if (settings.lagTail) {
+            readout.lag_withTail();
         }
         if (settings.truth && camera.noiseFraction > 0) {
             throw std::invalid_argument("truth needs photons alone: no noise hits");

@@ -34,9 +34,18 @@ public:
         }
     }
 
+    /// Lags as a real readout has them, with a long tail: most packets a few microseconds late (exponentially, a
+    /// hundredth of the largest lag on average), one in a thousand up to the largest lag, like the hits of a busy
+    /// chip (about half of them behind the packet before).
+    void lag_withTail() { tailed = true; }
+
     /// A packet of `chip` from time `time_ticks`, read out after a random lag.
     void add_late(unsigned chip, std::int64_t time_ticks, std::uint64_t word) {
-        queue.push({time_ticks + static_cast<std::int64_t>(random.uniform() * maxLag), order++, word, 0, chip, false});
+        double lag = random.uniform() * maxLag;
+        if (tailed && random.uniform() >= 0.001) {
+            lag = std::min(random.exponential(maxLag / 100), maxLag);
+        }
+        queue.push({time_ticks + static_cast<std::int64_t>(lag), order++, word, 0, chip, false});
     }
     /// Two packets of `chip` read out at `readout_ticks`, next to each other in one chunk (a global time).
     void add_pair(unsigned chip, std::int64_t readout_ticks, std::uint64_t first, std::uint64_t second) {
@@ -142,6 +151,7 @@ private:
     std::uint64_t maxChunk;
     double maxLag;
     Random random;
+    bool tailed = false;
     std::uint64_t order = 0;
 };
 

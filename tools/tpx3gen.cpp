@@ -42,6 +42,8 @@ const char* const usage =
     "      --heartbeat SECONDS  seconds between the global time packets of each chip, staggered between chips\n"
     "                           by up to 1 ms; 0 writes none (default 1)\n"
     "      --stale N            first N heartbeats per chip from an earlier acquisition, 61000 s ahead (default 0)\n"
+    "      --lag-tail           readout lags as a busy chip has them: most hits a hundredth of --disorder\n"
+    "                           late on average (exponentially), one in a thousand up to --disorder\n"
     "      --truth              photons at least 1 us apart and no noise; also writes FILE.truth.csv, one row\n"
     "                           per photon (centroid, time, trigger, ToF, hits, ToT, chip, centre), and\n"
     "                           FILE.triggers.csv. The hits of a photon come nearest first, a tick apart:\n"
@@ -158,6 +160,7 @@ int main(int argc, char** argv) {
         {"heartbeat", required_argument, nullptr, 'H'},
         {"stale", required_argument, nullptr, 'A'},
         {"truth", no_argument, nullptr, 'U'},
+        {"lag-tail", no_argument, nullptr, 'L'},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     };
@@ -238,6 +241,10 @@ int main(int argc, char** argv) {
                 break;
             case 'U':
                 acquisition.truth = true;
+                wholeDetector = true;
+                break;
+            case 'L':
+                acquisition.lagTail = true;
                 wholeDetector = true;
                 break;
             case 'h':
