@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "PhotonEvents.hpp"
+#include "ReadBuffer.hpp"
 #include "Spill.hpp"
 
 /// Writes a photon event file while the photons are still being found: the bytes of the block writer (file
@@ -38,6 +39,6 @@ private:
     bool failed = false;
     std::uint64_t photons = 0;
     std::optional<std::uint64_t> triggers;
-    std::vector<char> buffer; ///< fixed size; bytes [0, used) wait to be written
+    kavot_tpx3spidr::ReadBuffer<char> buffer; ///< fixed size; bytes [0, used) wait to be written
     std::size_t used = 0;
 };

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "ReadBuffer.hpp"
 #include "Spill.hpp"
 #include "TimeOrder.hpp"
 #include "Tpx3ChipClocks.hpp"
@@ -167,7 +168,7 @@ template <typename Clock, typename Walk, typename Read>
     long latest = noTime_ticks;
     PacketSummary block; // of the block being walked
     bool blockOpen = false;
-    std::vector<std::uint64_t> words;
+    ReadBuffer<std::uint64_t> words;
     // Sets the block's own smallest time (kept in minAfter until the pass is over) and moves the running
     // maximum on past it.
     const auto finish = [&](Tpx3Block& last) {

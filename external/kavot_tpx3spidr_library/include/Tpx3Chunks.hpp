@@ -7,6 +7,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "ReadBuffer.hpp"
 #include "Tpx3InputFile.hpp"
 #include "Tpx3Packet.hpp"
 
@@ -72,15 +73,16 @@ void for_eachChunk_tpx3(const Tpx3InputFile& file,
         throw std::logic_error("File contains incomplete lines!");
     }
     const std::uint64_t size = file.size_words();
-    std::vector<std::uint64_t> buffer(window_words + maxChunk_words);
+    // No larger than the file: a small recording needs no window of several MiB.
+    ReadBuffer<std::uint64_t> buffer(
+        static_cast<std::size_t>(std::min<std::uint64_t>(window_words, size - std::min(from, size)) + maxChunk_words));
     std::uint64_t bufferStart = from; // word index of buffer[0]
     std::size_t filled = 0;
     std::size_t at = 0;
     while (bufferStart + at < size) {
         if (at == filled || at + 1 + tpx3::chunkWords(buffer[at]) > filled) {
             // Not a whole chunk left in the buffer: keep the rest and read on behind it.
-            std::copy(buffer.begin() + static_cast<std::ptrdiff_t>(at),
-                      buffer.begin() + static_cast<std::ptrdiff_t>(filled), buffer.begin());
+            std::copy(buffer.data() + at, buffer.data() + filled, buffer.data());
             bufferStart += at;
             filled -= at;
             at = 0;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "PixelActivation.hpp"
+#include "ReadBuffer.hpp"
 #include "TimeOrder.hpp"
 #include "Tpx3Census.hpp"
 #include "Tpx3InputFile.hpp"
@@ -53,7 +54,7 @@ public:
         if (file.size_bytes() % 8 != 0) {
             throw std::logic_error("File contains incomplete lines!");
         }
-        std::vector<std::uint64_t> words(file.size_words());
+        ReadBuffer<std::uint64_t> words(file.size_words());
         file.read_words(0, words.size(), words.data());
         return make_from_data_tpx3spidr<useGlobalTime>(words.data(), words.size());
     }

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "ReadBuffer.hpp"
 #include "RunMerge.hpp"
 #include "TimeOrder.hpp"
 #include "Tpx3Census.hpp"
@@ -141,7 +142,7 @@ private:
     HitMerge merge;
     std::size_t nextBlock;
     long bound = std::numeric_limits<long>::min(); ///< nothing later is certain yet
-    std::vector<std::uint64_t> words;              ///< the block being decoded
+    ReadBuffer<std::uint64_t> words;               ///< the block being decoded
     std::vector<PixelActivation> released;         ///< positions from `base` on
     std::size_t base = 0;
     std::size_t discardPoint = 0;
