@@ -71,8 +71,8 @@ def pixel_words(path):
     return words[words >> np.uint64(60) == 0xB]
 
 
-def test_hdf5_export_of_a_recording_holds_every_hit_in_time_order(converted):
-    run("KAVOT", "export", converted / "s.tpx3", converted / "s.h5")
+def test_hdf5_export_of_a_recording_as_vundrel_sees_it_holds_every_hit_in_time_order(converted):
+    run("KAVOT", "export", converted / "s.tpx3", converted / "s.h5", "--vundrel")
     w = pixel_words(converted / "s.tpx3")
     field = lambda shift, mask: ((w >> np.uint64(shift)) & np.uint64(mask)).astype(np.int64)
     pix = field(44, 0x7)
