@@ -10,7 +10,7 @@
     kavot.read("run.kavotphot")                  # a photon file, memory-mapped (numpy alone)
 
 The engine functions need the compiled module kavot._kavot; without it they raise ImportError, and the reader
-(read, read_triggers) still works.
+(read, read_triggers) still works. `python3 -m kavot.quicklook RUN.h5 OUT.png` draws a run on one page.
 """
 
 from kavot.engine import Conversion, HitBatches, cluster, convert, hits, info
