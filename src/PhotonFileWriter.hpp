@@ -41,4 +41,6 @@ private:
     std::optional<std::uint64_t> triggers;
     kavot_tpx3spidr::ReadBuffer<char> buffer; ///< fixed size; bytes [0, used) wait to be written
     std::size_t used = 0;
+    off_t written = 0;     ///< bytes handed to the file so far
+    off_t writtenBack = 0; ///< bytes the system was asked to start writing to disk
 };
