@@ -15,8 +15,8 @@ STAGES = ["reading", "census", "decoding", "ordering", "clustering", "writing", 
 
 # Headers of our libraries, by stage. Checked in order: the first pattern that matches names the stage.
 BY_FILE = [
-    ("census", r"Tpx3Census|Tpx3ChipClockCensus|Tpx3Chunks|Tpx3Survey|CensusRuns"),
-    ("decoding", r"Tpx3Packet|Tpx3TimeScale|Tpx3HitSource|Tpx3ScaleDecoding|Tpx3CanvasDecoding|Tpx3ChipClocks"
+    ("census", r"Tpx3Census|Tpx3ChipClockCensus|Tpx3Chunks|Tpx3Survey|CensusRuns|Tpx3PacketSummary"),
+    ("decoding", r"Tpx3Packet\.|Tpx3PixelWords|Tpx3TimeScale|Tpx3HitSource|Tpx3ScaleDecoding|Tpx3CanvasDecoding|Tpx3ChipClocks"
                  r"|Tpx3Decode|LittleEndian"),
     ("ordering", r"TimeOrder|RunMerge|SpillFile|HitMerge"),
     ("clustering", r"Reconstruction_|LinkWindow|LinkLanes|ClusterSteps|PixelActivationChain|PixelTable"
@@ -38,7 +38,7 @@ BY_FUNCTION = [
 
 def stage_of(source, function):
     # The census reads the words with the decoder's helpers, so its functions name it before any header does.
-    if re.search(r"summarize_packets|census", function):
+    if re.search(r"summarize_|census", function):
         return "census"
     for stage, pattern in BY_FILE:
         if re.search(pattern, source):

@@ -47,7 +47,9 @@ TEST(ProgressLine, DrawsAtMostEveryIntervalAndErasesItselfOnlyIfDrawn) {
     ASSERT_EQ(::pipe2(pipe, O_NONBLOCK), 0);
     kavot_tpx3spidr::Tpx3Census census;
     // Three blocks of 10, 20 and 30 hits; the later blocks start at 100 and 200 ticks.
-    census.blocks = {{0, 0, 10, 0, 0, 100, 0}, {0, 0, 20, 0, 0, 200, 0}, {0, 0, 30, 0, 0, 1000, 0}};
+    census.blocks = {{0, 0, 10, 0, 0, 100, 0, false, 0, 0},
+                     {0, 0, 20, 0, 0, 200, 0, false, 0, 0},
+                     {0, 0, 30, 0, 0, 1000, 0, false, 0, 0}};
     const auto t0 = ProgressLine::Clock::now();
     const std::string erase = "\r\033[K";
     { const ProgressLine never(pipe[1], census, t0); }

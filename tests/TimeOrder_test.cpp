@@ -191,7 +191,7 @@ TEST(Tpx3Parts, PlanCutsAtBlocksUnlessTheOrderIsFarFromTheFiles) {
                 later = std::min(later, first(c));
             }
             const long last = reversed ? first(b) + 99 : 100 * b + 99;
-            census.blocks.push_back({0, 0, 10, latest, std::max(latest, last), later, 0});
+            census.blocks.push_back({0, 0, 10, latest, std::max(latest, last), later, 0, false, first(b), last});
             latest = std::max(latest, last);
         }
         return census;

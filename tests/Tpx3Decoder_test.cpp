@@ -6,6 +6,7 @@
 #include "Data_Tpx3Spidr.hpp"
 #include "TestSupport.hpp"
 #include "Tpx3Generator.hpp"
+#include "Tpx3HitSource.hpp"
 
 using namespace kavot_tpx3spidr;
 using namespace testsupport;
@@ -175,4 +176,42 @@ TEST(Tpx3Decoder, GeneratedRecordingsDecodeToTheGeneratedHits) {
         EXPECT_EQ(decoded, expected);
         EXPECT_GT(data.get_tdc1Triggers().size(), 0u);
     }
+}
+
+TEST(Tpx3Census, CountsEveryPacketBesideChunkHeadersThatReadAsPackets) {
+    // Headers of 5632, 2048 and 3072 packets read as a pixel, global time and TDC packet (the top bits of the
+    // size): summed up with the packets of the chunks around them, they would be counted (and the streamed
+    // decode refuse the file as changed since its census).
+    const std::size_t sizes[] = {5, 5632, 3, 2048, 1, 3072, 16, 2, 5632, 7};
+    std::vector<u64> words;
+    u64 pixels = 0;
+    u64 tdcs = 0;
+    u64 time = 1000;
+    for (std::size_t c = 0; c < std::size(sizes); ++c) {
+        words.push_back(chunkHeader(sizes[c] * 8, c % 4));
+        for (std::size_t k = 0; k < sizes[c]; ++k) {
+            if (k % 10 == 9) {
+                words.push_back(tdcWord(time, 1));
+                ++tdcs;
+            } else {
+                words.push_back(pixelWord(k % 256, c, time, 5));
+                ++pixels;
+            }
+            time += 16;
+        }
+    }
+    const TempDir dir;
+    writeWords(dir / "r.tpx3", words);
+    const Tpx3InputFile file(dir / "r.tpx3");
+    const Tpx3Census census = census_tpx3<false>(file);
+    EXPECT_EQ(census.pixelCount, pixels);
+    EXPECT_EQ(census.tdcCount, tdcs);
+    Tpx3HitSource source(file, census, Tpx3ScaleDecoding<false>(census));
+    const auto data = Data_Tpx3Spidr::make_from_file_tpx3spidr<false>(dir / "r.tpx3");
+    std::size_t k = 0;
+    for (; source.has(k); ++k) {
+        ASSERT_LT(k, data.size());
+        ASSERT_EQ(source[k], data[k]);
+    }
+    EXPECT_EQ(k, pixels);
 }

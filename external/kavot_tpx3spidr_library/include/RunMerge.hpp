@@ -65,6 +65,10 @@ public:
 
     [[nodiscard]] bool empty() const noexcept { return runs.empty(); }
 
+    /// The memory of the largest run in memory used up so far (its old records still in it), to fill with the next
+    /// run: a new run then costs no fresh pages.
+    [[nodiscard]] std::vector<Record> take_spare() noexcept { return std::move(spare); }
+
     /// Appends to `out`, in order, at most `most` of the activations that precede all others still held and are
     /// not later than `bound`. Returns how many.
     std::size_t
@@ -170,6 +174,9 @@ private:
         }
         for (std::size_t r = last; r-- > first;) {
             if (!runs[r].ready()) {
+                if (!runs[r].file && runs[r].buffer.capacity() > spare.capacity()) {
+                    spare = std::move(runs[r].buffer);
+                }
                 runs.erase(runs.begin() + static_cast<std::ptrdiff_t>(r));
             }
         }
@@ -243,6 +250,7 @@ private:
 
     std::deque<Run> runs;      ///< oldest first: those in files, then those in memory
     std::vector<Waiting> heap; ///< of `merge`, kept to reuse its memory
+    std::vector<Record> spare; ///< see `take_spare`
 };
 
 /// The activations of a recording's blocks merged into its time order.

@@ -37,6 +37,11 @@ struct Tpx3Block {
     /// activation decoded after this block is earlier.
     long minAfter;
     std::uint64_t triggersBefore; ///< trigger times found before the block
+    /// Some activation of the block may gain a period in the rollover repair: it is decoded hit by hit. In every
+    /// other block none does, and each pixel packet is decoded on its own.
+    bool repairs;
+    long earliest; ///< the smallest time of the block's activations (the largest long when it has none)
+    long latest;   ///< the largest time of the block's activations (the smallest long when it has none)
 };
 
 /// What the first pass over a recording finds: the structure is valid (every structural error of the
@@ -77,6 +82,13 @@ template <typename Walk>
 
 namespace detail {
 
+/// Whether a chunk header, read as a packet, is none of the packets a summary counts: its type bits are the top
+/// four of the chunk size, so only chunks of 2048 words and more can read as a global time, TDC or pixel packet.
+[[nodiscard]] constexpr bool noPacket(std::uint64_t header) noexcept {
+    const std::uint64_t type = tpx3::packetType(header);
+    return type != tpx3::type_pixel && type != tpx3::type_tdc && type != tpx3::type_globalTime;
+}
+
 /// Trigger times kept in memory before they go to a temporary file (8 MiB).
 constexpr std::size_t triggersInMemory = std::size_t{1} << 20;
 
@@ -94,6 +106,10 @@ template <bool useGlobalTime>
 class TimeScaleCensus {
 public:
     static constexpr bool repairsRollover = true;
+    /// Chunks are summed up in runs: a summary has nothing to do with the chunk's chip, and a run's headers
+    /// count as no packet (`noPacket`). The per-chunk cost of a summary, large for the chunks of a few packets
+    /// of a busy detector, is paid once per run.
+    static constexpr bool summarizesChunkRuns = true;
 
     /// With `useGlobalTime` the first global timestamp is found first (a short walk for a real recording, which
     /// starts with one), because every time is placed around it; a recording without one is refused, once its
@@ -176,45 +192,78 @@ template <typename Clock, typename Walk, typename Read>
             const long top = latest == noTime_ticks ? block.latest : std::max(latest, block.latest);
             if (!Clock::repairsRollover || wrapping_sub(top, block.earliest) <= rolloverThreshold_ticks) {
                 last.minAfter = block.earliest;
+                last.earliest = block.earliest;
+                last.latest = block.latest;
                 latest = top;
             } else {
+                last.repairs = true;
                 words.resize(static_cast<std::size_t>(last.endWord - last.firstWord));
                 read(last.firstWord, words.size(), words.data());
-                clock.repairedTimes(words.data(), words.size(), latest,
-                                    [&](long time) { last.minAfter = std::min(last.minAfter, time); });
+                clock.repairedTimes(words.data(), words.size(), latest, [&](long time) {
+                    last.earliest = std::min(last.earliest, time);
+                    last.latest = std::max(last.latest, time);
+                });
+                last.minAfter = last.earliest;
             }
         }
         last.latestAfter = latest;
         blockOpen = false;
     };
+    const auto add = [&](const PacketSummary& chunks) {
+        block.pixels += chunks.pixels;
+        block.earliest = std::min(block.earliest, chunks.earliest);
+        block.latest = std::max(block.latest, chunks.latest);
+        census.blocks.back().pixelCount = block.pixels;
+    };
+    // Chunks that follow each other in the walk's window, summed up as one (see `TimeScaleCensus`).
+    const std::uint64_t* spanFirst = nullptr;
+    const std::uint64_t* spanLast = nullptr;
+    std::uint64_t spanHeader = 0;
+    const auto flush = [&] {
+        if (spanFirst != spanLast) {
+            add(clock.chunk(spanFirst[-1], spanHeader, spanFirst, spanLast, census));
+        }
+        spanFirst = spanLast = nullptr;
+    };
     for (std::uint64_t from = 0;;) {
         std::optional<std::uint64_t> back;
-        walk(from, [&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t header) {
-            census.chipsSeen[tpx3::chunkChip(first[-1])] = true;
-            if (census.blocks.empty() || header - census.blocks.back().firstWord >= blockWords) {
-                if (blockOpen) {
-                    finish(census.blocks.back());
+        walk(
+            from,
+            [&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t header) {
+                census.chipsSeen[tpx3::chunkChip(first[-1])] = true;
+                if (census.blocks.empty() || header - census.blocks.back().firstWord >= blockWords) {
+                    flush();
+                    if (blockOpen) {
+                        finish(census.blocks.back());
+                    }
+                    if (checkpoint) {
+                        checkpoint();
+                    }
+                    census.blocks.push_back({header, header, 0, latest, latest, std::numeric_limits<long>::max(),
+                                             census.tdcTriggers.size(), false, std::numeric_limits<long>::max(),
+                                             std::numeric_limits<long>::min()});
+                    clock.begin_block(census);
+                    block = PacketSummary{};
+                    blockOpen = true;
                 }
-                if (checkpoint) {
-                    checkpoint();
+                census.blocks.back().endWord = header + 1 + static_cast<std::uint64_t>(last - first);
+                if constexpr (Clock::summarizesChunkRuns) {
+                    if (spanFirst != spanLast && first - 1 == spanLast && noPacket(first[-1])) {
+                        spanLast = last;
+                    } else {
+                        flush();
+                        spanFirst = first;
+                        spanLast = last;
+                        spanHeader = header;
+                    }
+                    return true;
+                } else {
+                    add(clock.chunk(first[-1], header, first, last, census));
+                    return !(back = clock.rewindWord());
                 }
-                census.blocks.push_back(
-                    {header, header, 0, latest, latest, std::numeric_limits<long>::max(), census.tdcTriggers.size()});
-                clock.begin_block(census);
-                block = PacketSummary{};
-                blockOpen = true;
-            }
-            const PacketSummary chunk = clock.chunk(first[-1], header, first, last, census);
-            if ((back = clock.rewindWord())) {
-                return false;
-            }
-            block.pixels += chunk.pixels;
-            block.earliest = std::min(block.earliest, chunk.earliest);
-            block.latest = std::max(block.latest, chunk.latest);
-            census.blocks.back().pixelCount = block.pixels;
-            census.blocks.back().endWord = header + 1 + static_cast<std::uint64_t>(last - first);
-            return true;
-        });
+            },
+            flush);
+        flush();
         if (!back) {
             break;
         }
@@ -255,7 +304,9 @@ template <typename Clock>
                                      const std::function<void()>& checkpoint = {}) {
     return detail::census(
         clock,
-        [&](std::uint64_t from, auto&& onChunk) { for_eachChunk_tpx3(file, onChunk, std::size_t{1} << 20, from); },
+        [&](std::uint64_t from, auto&& onChunk, auto&&... beforeRefill) {
+            for_eachChunk_tpx3(file, onChunk, std::size_t{1} << 20, from, beforeRefill...);
+        },
         [&](std::uint64_t first, std::size_t count, std::uint64_t* destination) {
             file.read_words(first, count, destination);
         },
@@ -266,7 +317,10 @@ template <typename Clock>
 template <typename Clock>
 [[nodiscard]] Tpx3Census census_tpx3(Clock& clock, const std::uint64_t* data, std::size_t size) {
     return detail::census(
-        clock, [&](std::uint64_t from, auto&& onChunk) { for_eachChunk_tpx3(data, size, onChunk, from); },
+        clock,
+        [&](std::uint64_t from, auto&& onChunk, auto&&... /*beforeRefill: the words stay in place*/) {
+            for_eachChunk_tpx3(data, size, onChunk, from);
+        },
         [&](std::uint64_t first, std::size_t count, std::uint64_t* destination) {
             std::copy_n(data + first, count, destination);
         },

@@ -27,6 +27,8 @@ namespace kavot_tpx3spidr {
 class Tpx3ChipClockCensus {
 public:
     static constexpr bool repairsRollover = false;
+    /// A chunk's summary depends on its chip's clock, and may end the walk: one chunk at a time.
+    static constexpr bool summarizesChunkRuns = false;
 
     /// `trigger`: the TDC edge whose packets are the triggers.
     explicit Tpx3ChipClockCensus(tpx3::TdcKind trigger_) noexcept : trigger(trigger_) {}
@@ -142,11 +144,11 @@ private:
                  PacketSummary& summary,
                  Tpx3Census& census) {
         ChipClock& clock = clocks->clock(slot);
-        const tpx3::TimeExtension<Tpx3ChipClocks::period_ticks> extension(
-            static_cast<std::uint64_t>(clock.reference_ticks));
+        // Each time nearest the reference, as `Tpx3ChipClocks::pixelTime` places it (see `PixelPlacement`).
         const PacketSummary part =
-            detail::summarize_packets(first, static_cast<std::size_t>(last - first), true, extension.get_limit(),
-                                      extension.get_base_atOrAboveLimit(), extension.get_base_belowLimit());
+            summarize_packets(first, static_cast<std::size_t>(last - first),
+                              static_cast<std::uint64_t>(clock.reference_ticks) - Tpx3ChipClocks::period_ticks / 2,
+                              Tpx3ChipClocks::period_ticks - 1);
         summary.pixels += part.pixels;
         summary.tdcs += part.tdcs;
         summary.earliest = std::min(summary.earliest, part.earliest);

@@ -63,12 +63,16 @@ constexpr std::size_t maxChunk_words = 1 + 0xFFFF / 8;
 /// Calls `onChunk(first, last, headerIndex)` for every chunk of a file, in order, with the packet words of the
 /// chunk and the word index of its header (a handler returning a bool ends the walk with false); from the chunk at
 /// word `from` on (a chunk header). The file is read in windows of about `window_words`, so memory does not grow
-/// with the file. A file whose size is no multiple of 8 bytes is refused first.
-template <typename OnChunk>
-void for_eachChunk_tpx3(const Tpx3InputFile& file,
-                        OnChunk&& onChunk,
-                        std::size_t window_words = std::size_t{1} << 20,
-                        std::uint64_t from = 0) {
+/// with the file; `beforeRefill()` is called before the window's words move, are overwritten or freed at the end of
+/// the walk (a handler may keep pointers into it until then). A file whose size is no multiple of 8 bytes is
+/// refused first.
+template <typename OnChunk, typename BeforeRefill = void (*)()>
+void for_eachChunk_tpx3(
+    const Tpx3InputFile& file,
+    OnChunk&& onChunk,
+    std::size_t window_words = std::size_t{1} << 20,
+    std::uint64_t from = 0,
+    BeforeRefill&& beforeRefill = [] {}) {
     if (file.size_bytes() % 8 != 0) {
         throw std::logic_error("File contains incomplete lines!");
     }
@@ -82,6 +86,7 @@ void for_eachChunk_tpx3(const Tpx3InputFile& file,
     while (bufferStart + at < size) {
         if (at == filled || at + 1 + tpx3::chunkWords(buffer[at]) > filled) {
             // Not a whole chunk left in the buffer: keep the rest and read on behind it.
+            beforeRefill();
             std::copy(buffer.data() + at, buffer.data() + filled, buffer.data());
             bufferStart += at;
             filled -= at;
@@ -94,10 +99,11 @@ void for_eachChunk_tpx3(const Tpx3InputFile& file,
         const std::uint64_t header = bufferStart + at;
         const std::uint64_t end = chunkEnd_checked(buffer[at], header, size);
         if (!detail::continueAfter(onChunk, buffer.data() + at + 1, buffer.data() + (end - bufferStart), header)) {
-            return;
+            break;
         }
         at = static_cast<std::size_t>(end - bufferStart);
     }
+    beforeRefill();
 }
 
 } // namespace kavot_tpx3spidr

@@ -6,6 +6,7 @@
 #include <functional>
 #include <limits>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -14,6 +15,7 @@
 #include "TimeOrder.hpp"
 #include "Tpx3Census.hpp"
 #include "Tpx3InputFile.hpp"
+#include "Tpx3PixelWords.hpp"
 #include "Tpx3TimeScale.hpp"
 
 namespace kavot_tpx3spidr {
@@ -23,24 +25,40 @@ namespace kavot_tpx3spidr {
 template <bool useGlobalTime>
 class Tpx3ScaleDecoding {
 public:
-    explicit Tpx3ScaleDecoding(const Tpx3Census& census) noexcept : timeScale(census.reference_ticks) {}
+    explicit Tpx3ScaleDecoding(const Tpx3Census& census) noexcept : timeScale(census.reference_ticks) {
+        for (unsigned chip = 0; chip < placements.size(); ++chip) {
+            const auto index = static_cast<std::uint8_t>(chip);
+            placements[chip] = useGlobalTime ? PixelPlacement::around(static_cast<long>(census.reference_ticks), index)
+                                             : PixelPlacement::raw(index);
+        }
+    }
 
-    /// Calls `onActivation(activation)` for every pixel packet of block `block`, whose words are at `words`.
-    template <typename OnActivation>
-    void decode_block(const Tpx3Census& census,
-                      std::size_t block,
-                      const std::uint64_t* words,
-                      std::size_t count,
-                      OnActivation&& onActivation) const {
+    /// Writes the activations of block `block`, whose `count` words are at `words`, to `out` in file order
+    /// (room for `count + pixelWords_slack`); returns how many.
+    ///
+    /// Where the census found that no activation of the block is repaired, each word's time is its place on the
+    /// time scale (`Tpx3TimeScale::pixelTime`, see `PixelPlacement`), which needs no word before it: the chunks
+    /// are decoded in vector code. Elsewhere the repair runs through the block hit by hit.
+    std::size_t decode_block(const Tpx3Census& census,
+                             std::size_t block,
+                             const std::uint64_t* words,
+                             std::size_t count,
+                             PixelActivation* out) const {
+        if (!census.blocks[block].repairs) {
+            return decode_chunks(words, count, placements, false, out).activations;
+        }
+        std::size_t n = 0;
         long latest = census.blocks[block].latestBefore;
         for_eachPixel_repaired(
             words, count, timeScale, latest, [&](const tpx3::PixelFields& pixel, long time, unsigned chip) {
-                onActivation(PixelActivation(pixel.x, pixel.y, Time(time), pixel.tot, static_cast<std::uint8_t>(chip)));
+                out[n++] = PixelActivation(pixel.x, pixel.y, Time(time), pixel.tot, static_cast<std::uint8_t>(chip));
             });
+        return n;
     }
 
 private:
     Tpx3TimeScale<useGlobalTime> timeScale;
+    ChipPlacements placements{}; ///< by chip: on the time scale, in the chip's own columns and rows
 };
 
 /// The pixel activations of a recording in the data set's time order, decoded a block at a time from the file
@@ -107,15 +125,18 @@ private:
         const Tpx3Block& block = census.blocks[b];
         words.resize(static_cast<std::size_t>(block.endWord - block.firstWord));
         file.read_words(block.firstWord, words.size(), words.data());
-        std::vector<PixelActivation> run;
-        run.reserve(static_cast<std::size_t>(block.pixelCount));
-        TimeOrdering ordering(run, run.capacity());
-        decoding.decode_block(census, b, words.data(), words.size(),
-                              [&](const PixelActivation& activation) { ordering.add(activation); });
-        ordering.finish();
+        // A block has no more pixel packets than words, whatever the file holds now. The decode writes every
+        // record it counts, so only what the vector never held is filled first.
+        const PixelActivation blank = blankRecord(std::type_identity<PixelActivation>{});
+        std::vector<PixelActivation> run = merge.take_spare();
+        if (run.size() < words.size() + pixelWords_slack) {
+            run.resize(words.size() + pixelWords_slack, blank);
+        }
+        run.resize(decoding.decode_block(census, b, words.data(), words.size(), run.data()), blank);
         if (run.size() != block.pixelCount) {
             throw file.changed(); // the census counted other packets here
         }
+        sort_byTime(run, scratch);
         merge.add_run(std::move(run));
         bound = block.minAfter;
         merge.release(bound, released, releaseStep_hits);
@@ -143,6 +164,7 @@ private:
     std::size_t nextBlock;
     long bound = std::numeric_limits<long>::min(); ///< nothing later is certain yet
     ReadBuffer<std::uint64_t> words;               ///< the block being decoded
+    std::vector<PixelActivation> scratch;          ///< for sorting blocks
     std::vector<PixelActivation> released;         ///< positions from `base` on
     std::size_t base = 0;
     std::size_t discardPoint = 0;
