@@ -183,7 +183,7 @@ TEST(TimeOrder, SortByTimeEqualsAStableSortOnEveryShape) {
     std::mt19937_64 random(3);
     std::vector<std::pair<const char*, std::vector<long>>> shapes{
         {"empty", {}}, {"one", {5}}, {"two reversed", {5, 4}}};
-    for (const std::size_t n : {1000UL, 20000UL}) {
+    for (const std::size_t n : {40UL, 1000UL, 20000UL}) { // short runs are sorted by insertion alone
         std::vector<long> ordered, late, manyLate, reversed, ties, wide, bunched;
         for (std::size_t i = 0; i < n; ++i) {
             const auto t = static_cast<long>(i) * 40;
@@ -202,7 +202,8 @@ TEST(TimeOrder, SortByTimeEqualsAStableSortOnEveryShape) {
                                      {"many late", manyLate},
                                      {"reversed", reversed},
                                      {"ties", ties},
-                                     {"wide", wide}});
+                                     {"wide", wide},
+                                     {"bunched", bunched}});
     }
     std::vector<PixelActivation> scratch;
     for (const auto& [name, times] : shapes) {

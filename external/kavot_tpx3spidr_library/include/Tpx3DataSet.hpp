@@ -29,7 +29,7 @@ public:
         : tdc1Triggers(std::move(tdc1Triggers_)) {
         const std::vector<PixelActivation> inFileOrder = std::move(pixelActivations_);
         pixelActivations.reserve(inFileOrder.size());
-        TimeOrdering ordering(pixelActivations, inFileOrder.size());
+        TimeOrdering ordering(pixelActivations);
         long latest = noTime_ticks;
         for (PixelActivation activation : inFileOrder) {
             activation.get_toa() = Time(repair_rollover(latest, activation.get_toa().get_value()));
@@ -66,9 +66,9 @@ public:
         Tpx3Census census = census_tpx3<useGlobalTime>(data, size);
         std::vector<PixelActivation> activations;
         activations.reserve(census.pixelCount);
-        // Each activation is put in time order as it is decoded, while it is still in cache: the same order the
-        // constructor builds, without two more passes over all activations.
-        TimeOrdering ordering(activations, census.pixelCount);
+        // Repaired as they are decoded, then sorted once: the same order the constructor builds, without a
+        // copy of all activations in file order.
+        TimeOrdering ordering(activations);
         long latest = noTime_ticks;
         for_eachPixel_repaired(
             data, size, Tpx3TimeScale<useGlobalTime>(census.reference_ticks), latest,
