@@ -3,73 +3,15 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <limits>
-#include <vector>
 
 #include "ClusterSteps.hpp"
 #include "LinkWindow.hpp"
+#include "MarkedReader.hpp"
 #include "PixelActivationChain.hpp"
 #include "ReconstructionParameters_PhotonEvents.hpp"
 #include "Tpx3DataSet.hpp"
 
 namespace kavot_tpx3spidr {
-
-namespace fullChainSearch {
-
-/// The mark of a position: the number of the cluster that took it, or `free`.
-using Mark = std::uint64_t;
-constexpr Mark free = std::numeric_limits<Mark>::max();
-
-/// A sequence read through a pointer, with a mark per position beside it: positions below `readableEnd` cost
-/// one comparison, and only a position past them goes to the sequence itself (which may decode and move its
-/// storage; the pointer is taken again and the marks move along). Positions not reached before are free.
-template <typename Sequence>
-class MarkedReader {
-public:
-    explicit MarkedReader(Sequence& sequence_) noexcept : sequence(sequence_) {}
-
-    [[nodiscard]] bool has(std::size_t position) { return position < end || reach(position); }
-    [[nodiscard]] const PixelActivation& operator[](std::size_t position) const noexcept {
-        return first[position - firstPosition];
-    }
-    [[nodiscard]] Mark& mark(std::size_t position) noexcept { return marks[position - firstPosition]; }
-
-    /// Positions [first, end) as plain arrays, valid until the next `has` for a position at or after `end`.
-    struct Span {
-        const PixelActivation* activations;
-        Mark* marks;
-        std::size_t first;
-        std::size_t end;
-    };
-    [[nodiscard]] Span span() noexcept { return {first, marks.data(), firstPosition, end}; }
-
-    /// Positions before `position` will not be read again.
-    void discardBefore(std::size_t position) {
-        sequence.discardBefore(position);
-        keepFrom = position;
-    }
-
-private:
-    [[gnu::noinline]] bool reach(std::size_t position) {
-        // The sequence may move what it holds even when it has nothing more, so the view is taken anew either way.
-        const bool found = sequence.has(position);
-        marks.erase(marks.begin(), marks.begin() + static_cast<std::ptrdiff_t>(keepFrom - firstPosition));
-        end = sequence.readableEnd();
-        first = keepFrom < end ? &sequence[keepFrom] : nullptr;
-        firstPosition = keepFrom;
-        marks.resize(end - firstPosition, free);
-        return found;
-    }
-
-    Sequence& sequence;
-    const PixelActivation* first = nullptr;
-    std::size_t firstPosition = 0;
-    std::size_t end = 0;      ///< positions [firstPosition, end) are read through `first` and `marks`
-    std::size_t keepFrom = 0; ///< the last discard point: nothing before it is read
-    std::vector<Mark> marks;
-};
-
-} // namespace fullChainSearch
 
 /// The full-chain search, with the same result as the step-by-step description below, but less work.
 ///
@@ -97,7 +39,12 @@ private:
 ///    lies in the scan and was marked before or by it. Otherwise the search for it starts at the position that
 ///    ended the scan.
 ///  - Positions before the seed are never read again, and while the scan has left no candidate unmarked, none
-///    before the scan's position either (the next seed lies after it): only the rest is kept.
+///    before the scan's position either (the next seed lies after it): only the rest is kept. So the seed is
+///    not marked: nothing reads its mark.
+///  - A mark is one byte: a position carries c exactly when it is marked `current` (`Mark`). Those marked
+///    since the last accepted cluster carry c; when a cluster is accepted, the `current` marks from the next
+///    seed on become `taken` (none before it is read again), which touches only positions this scan or the
+///    rejected clusters since the last accepted one have marked: work they did already.
 template <typename Sequence, typename Sink>
 void reconstruct_photonEvents_fullChain_direct(Sequence& activations,
                                                const ReconstructionParameters_PhotonEvents& parameters,
@@ -106,14 +53,14 @@ void reconstruct_photonEvents_fullChain_direct(Sequence& activations,
     MarkedReader<Sequence> sequence(activations);
     const long dT = parameters.dTime.get_value();
     LinkWindow window(spaceLimit_px(parameters.dSpace));
-    std::uint64_t c = 0; // the number of photons accepted so far: the number of the next cluster
-    // The last position marked with c by an earlier (rejected) cluster; 0 for none (position 0 can only be the
-    // first seed, which no later cluster reaches). Only up to it can the window find marks of c ahead; it lies
+    // The last position marked by an earlier (rejected) cluster that carries c; 0 for none (position 0 can only be
+    // the first seed, which no later cluster reaches). Only up to it can the window find marks of c ahead; it lies
     // within the positions read so far.
     std::size_t carriedEnd = 0;
     std::size_t i = 0;
     for (;;) {
-        while (sequence.has(i) && sequence.mark(i) != free) {
+        sequence.discardBefore(i);
+        while (sequence.has(i) && sequence.mark(i) != Mark::free) {
             ++i;
         }
         if (!sequence.has(i)) {
@@ -122,7 +69,6 @@ void reconstruct_photonEvents_fullChain_direct(Sequence& activations,
         sequence.discardBefore(i);
         const PixelActivation seed = sequence[i];
         PixelActivationChain chain(seed);
-        sequence.mark(i) = c;
         window.clear();
         window.add_linked(seed, seed.get_toa().get_value() - dT);
         std::size_t ahead = i + 1; // the next position the window has not looked at for marks of c
@@ -142,18 +88,18 @@ void reconstruct_photonEvents_fullChain_direct(Sequence& activations,
                     scanning = false;
                     break;
                 }
-                if (at.marks[j - at.first] != free) {
+                if (at.marks[j - at.first] != Mark::free) {
                     continue;
                 }
                 for (; ahead <= carriedEnd && at.activations[ahead - at.first].get_toa().get_value() <= tj + dT;
                      ++ahead) {
-                    if (at.marks[ahead - at.first] == c) {
+                    if (at.marks[ahead - at.first] == Mark::current) {
                         window.add_carried(at.activations[ahead - at.first], tj - dT);
                     }
                 }
                 if (window.links(candidate.get_x_px(), candidate.get_y_px(), tj - dT)) {
                     chain.add_pixelActivation_notFirst(candidate);
-                    at.marks[j - at.first] = c;
+                    at.marks[j - at.first] = Mark::current;
                     window.add_linked(candidate, tj - dT);
                     lastMarked = j;
                     horizon = std::max(horizon, tj + dT);
@@ -165,14 +111,18 @@ void reconstruct_photonEvents_fullChain_direct(Sequence& activations,
                 sequence.discardBefore(j);
             }
         }
+        const std::size_t next = firstFree != 0 ? firstFree : j;
         if (accept_chain(chain, static_cast<double>(chain.weightSum), parameters)) {
             emit_photon(sink, chain);
-            ++c;
+            // The number moves on: no position the search reads again may carry it. Those marked since the
+            // last accepted cluster lie at or before lastMarked or carriedEnd; the next seed is the first
+            // position read again.
+            sequence.settle(next, std::max(lastMarked, carriedEnd));
             carriedEnd = 0;
         } else {
             carriedEnd = std::max(carriedEnd, lastMarked);
         }
-        i = firstFree != 0 ? firstFree : j;
+        i = next;
     }
 }
 
