@@ -24,18 +24,40 @@ constexpr int maxTemporary = 8;
 std::array<std::array<char, PATH_MAX>, maxTemporary> temporaryPaths{};
 std::array<volatile std::sig_atomic_t, maxTemporary> temporaryUsed{};
 
-extern "C" void removeTemporaryAndStop(int signal) {
+constexpr std::array stopSignals{SIGINT, SIGTERM, SIGHUP};
+
+// What each stop signal did before the handler below took it over.
+std::array<struct sigaction, stopSignals.size()> previousActions{};
+
+extern "C" void removeTemporaryAndStop(int signal, siginfo_t* info, void* context) {
+    std::size_t k = 0;
+    while (k + 1 < stopSignals.size() && stopSignals[k] != signal) {
+        ++k;
+    }
+    // A program that embeds the run and handles the signal itself (Python turns Ctrl-C into KeyboardInterrupt)
+    // keeps its handler: it ends the run at the next checkpoint, and unwinding the run removes the files.
+    const struct sigaction& previous = previousActions[k];
+    if ((previous.sa_flags & SA_SIGINFO) != 0) {
+        previous.sa_sigaction(signal, info, context);
+        return;
+    }
+    if (previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN) {
+        previous.sa_handler(signal);
+        return;
+    }
     ReplacingFile::remove_allTemporary();
     std::signal(signal, SIG_DFL);
     std::raise(signal);
 }
 
-constexpr std::array stopSignals{SIGINT, SIGTERM, SIGHUP};
-
 void installHandlers() {
     static const bool installed = [] {
-        for (const int signal : stopSignals) {
-            std::signal(signal, removeTemporaryAndStop);
+        struct sigaction action {};
+        action.sa_sigaction = removeTemporaryAndStop;
+        action.sa_flags = SA_SIGINFO | SA_RESTART;
+        sigemptyset(&action.sa_mask);
+        for (std::size_t k = 0; k < stopSignals.size(); ++k) {
+            sigaction(stopSignals[k], &action, &previousActions[k]);
         }
         return true;
     }();

@@ -72,9 +72,22 @@ kavot_case(SummaryWithTriggers 0 ARGS summary sample.kavotphot
 kavot_case(SummaryWithoutTriggers 0 ARGS summary notrig.kavotphot OUT "\ntriggers: none recorded\n")
 kavot_case(CsvTriggers 0 ARGS csv sample.kavotphot --triggers OUT "^toa_s,toa_ticks\n[0-9]\\.[0-9]+,[0-9]+\n")
 kavot_case(CsvTriggersOfAFileWithout 1 ARGS csv --triggers notrig.kavotphot ERR "holds no trigger times")
-kavot_case(ExportOfARecordingWithoutGlobalTimeIsRefused 1 ARGS export twochips.tpx3 twochips.h5
-    ABSENT "twochips.h5*" ERR "^kavot: Supplied file does not contain a global timestamp!\n$")
-kavot_case(ExportOfARecordingOnThePixelClock 0 ARGS export twochips.tpx3 pixelclock.h5 --globalTime_ignore)
+# A recording's hits as kavot convert sees them by default (their content: python/tests/test_engine.py), as
+# vundrel sees them with --vundrel.
+kavot_case(ExportOfARecordingWithoutGlobalTimeFollowsEachChip 0 ARGS export twochips.tpx3 twochips.h5)
+kavot_case(ExportAsVundrelOfARecordingWithoutGlobalTimeIsRefused 1 ARGS export twochips.tpx3 vundrel.h5 --vundrel
+    ABSENT "vundrel.h5*" ERR "^kavot: Supplied file does not contain a global timestamp!\n$")
+kavot_case(ExportAsVundrelOnThePixelClock 0 ARGS export twochips.tpx3 pixelclock.h5 --vundrel --globalTime_ignore)
+kavot_case(ExportRefusesAChipTheLayoutLacks 1 ARGS export quad.tpx3 single.h5 --layout=single ABSENT "single.h5*"
+    ERR "^kavot: chip 1 appears in the recording but not in the layout \"single\"!\n$")
+kavot_case(ExportRefusesAnUnknownLayout 1 ARGS export quad.tpx3 hex.h5 --layout hex ABSENT "hex.h5*"
+    ERR "^kavot: --layout \"hex\": give single, quad, overlay or a layout file FILE.json!\n$")
+kavot_case(ExportLayoutNeedsAValue 1 ARGS export quad.tpx3 quad.h5 --layout
+    ERR "^kavot: option --layout needs a value \\(see kavot export --help\\)\n$")
+kavot_case(ExportRefusesAPixelClockWithoutVundrel 1 ARGS export twochips.tpx3 clock.h5 --globalTime_ignore
+    ERR "^kavot: --globalTime_ignore applies to vundrel's time scale: give --vundrel too!\n$")
+kavot_case(ExportRefusesALayoutForVundrel 1 ARGS export quad.tpx3 frame.h5 --vundrel --layout quad
+    ERR "^kavot: --layout places chips on a canvas, which --vundrel does not use!\n$")
 kavot_case(ExportOfABrokenFileLeavesNothing 1 ARGS export recording.kavotphot broken.h5 ABSENT "broken.h5*"
     ERR "^kavot: Block size is indicated as [0-9]+ but only [0-9]+ bytes are left in the file!\n$")
 kavot_case(ImageTiffRefusesBinning 1 ARGS image sample.raw binned.tiff 2 ABSENT "binned.tiff*" ERR "BIN must be 1")

@@ -13,6 +13,7 @@
 #include "ChipLayout.hpp"
 #include "Conversion.hpp"
 #include "PixelActivation.hpp"
+#include "Spill.hpp"
 
 namespace kavot_tool {
 
@@ -20,11 +21,13 @@ namespace kavot_tool {
 class CanvasHitReader {
 public:
     /// `layout`: none for the default of the recording's chips. Hits far out of time order wait in temporary files
-    /// in `spillFolder`. `checkpoint` as for a conversion.
+    /// in `spillFolder`. `checkpoint` as for a conversion, on the thread that reads. `threads`: how many decode
+    /// parts of the recording side by side, as a conversion's (0: every CPU the process may run on).
     CanvasHitReader(const std::string& path,
                     std::optional<kavot_tpx3spidr::ChipLayout> layout,
                     const std::string& spillFolder,
-                    std::function<void()> checkpoint = {});
+                    std::function<void()> checkpoint = {},
+                    unsigned threads = 0);
     CanvasHitReader(const CanvasHitReader&) = delete;
     CanvasHitReader& operator=(const CanvasHitReader&) = delete;
     ~CanvasHitReader();
@@ -34,6 +37,9 @@ public:
 
     [[nodiscard]] const kavot_tpx3spidr::ChipLayout& get_layout() const noexcept;
     [[nodiscard]] std::uint64_t total() const noexcept;
+    /// The times of the recording's triggers (TDC1 rising edges), each once though several chips carry it,
+    /// ascending.
+    [[nodiscard]] kavot_tpx3spidr::SpillingList<kavot_tpx3spidr::Time> triggers() const;
 
 private:
     struct Open;

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cstddef>
+#include <map>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -16,16 +18,21 @@ namespace kavot_tool {
 struct Arguments {
     bool help = false;
     std::vector<std::string> operands;
-    std::set<std::string> switches; ///< long switches given, without the dashes
+    std::set<std::string> switches;            ///< long switches given, without the dashes
+    std::map<std::string, std::string> values; ///< long options given with a value; the last one wins
 
     [[nodiscard]] bool has(const std::string& name) const { return switches.count(name) != 0; }
+    [[nodiscard]] std::optional<std::string> value(const std::string& name) const {
+        const auto found = values.find(name);
+        return found == values.end() ? std::nullopt : std::optional<std::string>(found->second);
+    }
 };
 
 /// One subcommand: its name, its help text (the first line is its usage) and what it accepts.
 struct Command {
     const char* name;
     const char* help;
-    std::vector<std::string> switchNames;
+    std::vector<std::string> switchNames; ///< a name ending in "=" takes a value (`--layout=quad`, `--layout quad`)
     std::size_t minOperands;
     std::size_t maxOperands;
     int (*run)(const Arguments&);

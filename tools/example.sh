@@ -19,5 +19,7 @@ mkdir -p "$out"
 "$build/tools/kavot" convert "$out/quad.tpx3" "$out/quad.h5" --image "$out/quad_counts.tiff"
 "$build/tools/kavot" convert "$out/quad.tpx3" "$out/quad.kavotphot"
 "$build/tools/kavot" image "$out/quad.kavotphot" "$out/quad_counts.png" 4
+# The quad's conversion on one page: image, time of flight, rate and cluster sizes (Debian's python3 has matplotlib).
+PYTHONPATH="$build/python" /usr/bin/python3 -m kavot.quicklook "$out/quad.h5" "$out/quad_quicklook.png"
 echo "example: photon file, raw image, a PNG and a TIFF of it, and an HDF5 export are in $out/; the quad's"
-echo "conversion (quad.h5, quad.kavotphot, quad_counts.tiff, quad_counts.png) too"
+echo "conversion (quad.h5, quad.kavotphot, quad_counts.tiff, quad_counts.png, quad_quicklook.png) too"

@@ -22,7 +22,7 @@ const char* const usage =
     "  kavot convert FILE.tpx3 OUT.h5|OUT.kavotphot   photons with continuous time, chips in place\n"
     "  kavot summary FILE.kavotphot                   photon and trigger counts and ranges\n"
     "  kavot csv FILE.kavotphot [--triggers]          photons (or trigger times) as CSV\n"
-    "  kavot export FILE.kavotphot|FILE.tpx3 OUT.h5   photons, or a recording's hits, as HDF5\n"
+    "  kavot export FILE.kavotphot|FILE.tpx3 OUT.h5   photons, or a recording's hits on the canvas, as HDF5\n"
     "  kavot image INPUT OUT.png|OUT.tiff [BIN]       photon counts as a picture or a TIFF\n"
     "  kavot --version                                the program's version\n"
     "\n"
@@ -30,18 +30,26 @@ const char* const usage =
     "the exit status is 0 on success and 1 on failure.\n";
 
 const Command commands[] = {
-    {"info", help_info, {"json"}, 1, 1, run_info},  {"summary", help_summary, {}, 1, 1, run_summary},
-    {"csv", help_csv, {"triggers"}, 1, 1, run_csv}, {"export", help_export, {"globalTime_ignore"}, 2, 2, run_export},
-    {"image", help_image, {}, 2, 3, run_image},     {"convert", help_convert, {}, 2, 2, nullptr, run_convert},
+    {"info", help_info, {"json"}, 1, 1, run_info},
+    {"summary", help_summary, {}, 1, 1, run_summary},
+    {"csv", help_csv, {"triggers"}, 1, 1, run_csv},
+    {"export", help_export, {"vundrel", "globalTime_ignore", "layout="}, 2, 2, run_export},
+    {"image", help_image, {}, 2, 3, run_image},
+    {"convert", help_convert, {}, 2, 2, nullptr, run_convert},
 };
 
 } // namespace
 
 Arguments parse_arguments(const Command& command, const std::vector<std::string>& args) {
+    std::vector<std::string> names;
     std::vector<option> options;
-    options.push_back({"help", no_argument, nullptr, 'h'});
     for (const auto& name : command.switchNames) {
-        options.push_back({name.c_str(), no_argument, nullptr, 0});
+        names.push_back(name.back() == '=' ? name.substr(0, name.size() - 1) : name);
+    }
+    options.push_back({"help", no_argument, nullptr, 'h'});
+    for (std::size_t k = 0; k < names.size(); ++k) {
+        options.push_back(
+            {names[k].c_str(), command.switchNames[k].back() == '=' ? required_argument : no_argument, nullptr, 0});
     }
     options.push_back({nullptr, 0, nullptr, 0});
 
@@ -58,11 +66,18 @@ Arguments parse_arguments(const Command& command, const std::vector<std::string>
     optind = 0; // restart getopt's scan: each command line is parsed from its beginning
     opterr = 0; // its own messages do not have our form; ours are thrown below
     int index = 0;
-    for (int c; (c = getopt_long(static_cast<int>(argv.size() - 1), argv.data(), "h", options.data(), &index)) != -1;) {
+    // The leading ":" makes a missing value its own case.
+    for (int c;
+         (c = getopt_long(static_cast<int>(argv.size() - 1), argv.data(), ":h", options.data(), &index)) != -1;) {
         if (c == 'h') {
             arguments.help = true;
+        } else if (c == 0 && options[static_cast<std::size_t>(index)].has_arg == required_argument) {
+            arguments.values[options[static_cast<std::size_t>(index)].name] = optarg;
         } else if (c == 0) {
             arguments.switches.insert(options[static_cast<std::size_t>(index)].name);
+        } else if (c == ':') {
+            throw std::invalid_argument(std::string("option ") + argv[static_cast<std::size_t>(optind) - 1] +
+                                        " needs a value" + seeHelp);
         } else {
             throw std::invalid_argument(std::string("unknown option ") + argv[static_cast<std::size_t>(optind) - 1] +
                                         seeHelp);

@@ -49,6 +49,40 @@ void run_inOrder(std::size_t count,
                  std::size_t heldItems = 1 << 21,
                  const std::function<void()>& whileWaiting = {});
 
+/// The same run, for a consumer that asks for the items a batch at a time (`next`) instead of being handed them.
+/// The workers start when it is made and are stopped and joined when it goes, wherever the consumption stands.
+template <typename Item>
+class InOrderRun {
+public:
+    using Produce = std::function<void(std::size_t, TaskOutput<Item>&)>;
+
+    /// `batchItems`: how many items a task hands over at a time. Larger batches take the lock less often, where the
+    /// consumer does little with each item.
+    InOrderRun(std::size_t count_,
+               unsigned workers,
+               Produce produce_,
+               std::size_t heldItems = 1 << 21,
+               std::size_t batchItems = TaskOutput<Item>::defaultBatchItems);
+    InOrderRun(const InOrderRun&) = delete;
+    InOrderRun& operator=(const InOrderRun&) = delete;
+    ~InOrderRun();
+
+    /// Puts the next items in order at `batch` (what it held is replaced); false once every task's items are
+    /// given. Rethrows the first exception of a task, in task order, after the items before it. While it waits,
+    /// it calls `whileWaiting` (if given) every `waitStep`; it may throw.
+    bool next(std::vector<Item>& batch, const std::function<void()>& whileWaiting = {});
+
+private:
+    void work();
+
+    typename TaskOutput<Item>::Shared shared;
+    std::size_t count;
+    std::size_t ahead;
+    Produce produce;
+    std::size_t head = 0;
+    std::vector<std::thread> threads;
+};
+
 /// How often a waiting caller of `run_inOrder` is given `whileWaiting`.
 constexpr std::chrono::milliseconds waitStep{50};
 
@@ -59,7 +93,7 @@ public:
 
     void push(const Item& item) {
         batch.push_back(item);
-        if (batch.size() == batchItems) {
+        if (batch.size() == shared.batchItems) {
             publish();
         }
     }
@@ -70,11 +104,10 @@ public:
     }
 
 private:
-    template <typename I, typename P, typename C>
-    friend void run_inOrder(std::size_t, unsigned, P, C, std::size_t, const std::function<void()>&);
+    friend class InOrderRun<Item>;
 
     /// Items go over in batches, so that the lock is taken once per batch.
-    static constexpr std::size_t batchItems = 4096;
+    static constexpr std::size_t defaultBatchItems = 4096;
 
     struct Task {
         std::deque<std::vector<Item>> batches;
@@ -90,9 +123,10 @@ private:
         std::size_t head = 0;               ///< the task being consumed
         std::atomic<bool> stopping = false; ///< written under the lock; a checkpoint reads it without
         std::size_t heldItems;              ///< per task
+        std::size_t batchItems;
     };
 
-    TaskOutput(Shared& shared_, std::size_t task_) : shared(shared_), task(task_) { batch.reserve(batchItems); }
+    TaskOutput(Shared& shared_, std::size_t task_) : shared(shared_), task(task_) { batch.reserve(shared.batchItems); }
 
     void publish() {
         std::unique_lock lock(shared.mutex);
@@ -103,7 +137,7 @@ private:
         mine.held += batch.size();
         mine.batches.push_back(std::move(batch));
         batch = {};
-        batch.reserve(batchItems);
+        batch.reserve(shared.batchItems);
         shared.changed.notify_all();
         shared.changed.wait(lock, [&] { return shared.stopping || mine.held <= shared.heldItems; });
         if (shared.stopping) {
@@ -116,6 +150,110 @@ private:
     std::vector<Item> batch;
 };
 
+template <typename Item>
+InOrderRun<Item>::InOrderRun(
+    std::size_t count_, unsigned workers, Produce produce_, std::size_t heldItems, std::size_t batchItems)
+    : count(count_), ahead(2 * static_cast<std::size_t>(std::max(workers, 1U))), produce(std::move(produce_)) {
+    workers = std::max(workers, 1U);
+    shared.tasks.resize(count);
+    shared.batchItems = batchItems;
+    shared.heldItems = std::max<std::size_t>(heldItems / (ahead + 1), batchItems);
+    // The threads start with every signal blocked, as they inherit the mask they are created under.
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &previous);
+    try {
+        while (threads.size() < workers) {
+            threads.emplace_back([this] { work(); });
+        }
+    } catch (...) {
+        if (threads.empty()) {
+            pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+            throw;
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+}
+
+template <typename Item>
+InOrderRun<Item>::~InOrderRun() {
+    {
+        const std::lock_guard lock(shared.mutex);
+        shared.stopping = true;
+        shared.changed.notify_all();
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+}
+
+template <typename Item>
+void InOrderRun<Item>::work() {
+    using Output = TaskOutput<Item>;
+    for (;;) {
+        std::size_t task = 0;
+        {
+            std::unique_lock lock(shared.mutex);
+            shared.changed.wait(
+                lock, [&] { return shared.stopping || shared.next == count || shared.next <= shared.head + ahead; });
+            if (shared.stopping || shared.next == count) {
+                return;
+            }
+            task = shared.next++;
+        }
+        std::exception_ptr error;
+        try {
+            Output output(shared, task);
+            produce(task, output);
+            if (!output.batch.empty()) {
+                output.publish();
+            }
+        } catch (const TaskCancelled&) {
+            return;
+        } catch (...) {
+            error = std::current_exception();
+        }
+        const std::lock_guard lock(shared.mutex);
+        shared.tasks[task].done = true;
+        shared.tasks[task].error = error;
+        shared.changed.notify_all();
+    }
+}
+
+template <typename Item>
+bool InOrderRun<Item>::next(std::vector<Item>& batch, const std::function<void()>& whileWaiting) {
+    while (head < count) {
+        std::unique_lock lock(shared.mutex);
+        auto& task = shared.tasks[head];
+        const auto ready = [&] { return !task.batches.empty() || task.done; };
+        if (whileWaiting) {
+            while (!shared.changed.wait_for(lock, waitStep, ready)) {
+                lock.unlock();
+                whileWaiting();
+                lock.lock();
+            }
+        } else {
+            shared.changed.wait(lock, ready);
+        }
+        if (task.batches.empty()) {
+            if (task.error) {
+                std::rethrow_exception(task.error);
+            }
+            shared.tasks[head] = {}; // frees its queue
+            shared.head = ++head;
+            shared.changed.notify_all();
+            continue;
+        }
+        batch = std::move(task.batches.front());
+        task.batches.pop_front();
+        task.held -= batch.size();
+        shared.changed.notify_all();
+        return true;
+    }
+    return false;
+}
+
 template <typename Item, typename Produce, typename Consume>
 void run_inOrder(std::size_t count,
                  unsigned workers,
@@ -123,109 +261,9 @@ void run_inOrder(std::size_t count,
                  Consume consume,
                  std::size_t heldItems,
                  const std::function<void()>& whileWaiting) {
-    using Output = TaskOutput<Item>;
-    workers = std::max(workers, 1U);
-    const std::size_t ahead = 2 * static_cast<std::size_t>(workers);
-    typename Output::Shared shared;
-    shared.tasks.resize(count);
-    shared.heldItems = std::max<std::size_t>(heldItems / (ahead + 1), Output::batchItems);
-
-    const auto work = [&] {
-        for (;;) {
-            std::size_t task = 0;
-            {
-                std::unique_lock lock(shared.mutex);
-                shared.changed.wait(lock, [&] {
-                    return shared.stopping || shared.next == count || shared.next <= shared.head + ahead;
-                });
-                if (shared.stopping || shared.next == count) {
-                    return;
-                }
-                task = shared.next++;
-            }
-            std::exception_ptr error;
-            try {
-                Output output(shared, task);
-                produce(task, output);
-                if (!output.batch.empty()) {
-                    output.publish();
-                }
-            } catch (const TaskCancelled&) {
-                return;
-            } catch (...) {
-                error = std::current_exception();
-            }
-            const std::lock_guard lock(shared.mutex);
-            shared.tasks[task].done = true;
-            shared.tasks[task].error = error;
-            shared.changed.notify_all();
-        }
-    };
-
-    std::vector<std::thread> threads;
-    // Stops and joins the workers however the consumption ends.
-    struct Join {
-        typename Output::Shared& shared;
-        std::vector<std::thread>& threads;
-        ~Join() {
-            {
-                const std::lock_guard lock(shared.mutex);
-                shared.stopping = true;
-                shared.changed.notify_all();
-            }
-            for (auto& thread : threads) {
-                thread.join();
-            }
-        }
-    } join{shared, threads};
-    {
-        // The threads start with every signal blocked, as they inherit the mask they are created under.
-        sigset_t all;
-        sigset_t previous;
-        sigfillset(&all);
-        pthread_sigmask(SIG_BLOCK, &all, &previous);
-        try {
-            while (threads.size() < workers) {
-                threads.emplace_back(work);
-            }
-        } catch (...) {
-            if (threads.empty()) {
-                pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-                throw;
-            }
-        }
-        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    }
-
+    InOrderRun<Item> run(count, workers, std::move(produce), heldItems);
     std::vector<Item> batch;
-    for (std::size_t head = 0; head < count;) {
-        {
-            std::unique_lock lock(shared.mutex);
-            auto& task = shared.tasks[head];
-            const auto ready = [&] { return !task.batches.empty() || task.done; };
-            if (whileWaiting) {
-                while (!shared.changed.wait_for(lock, waitStep, ready)) {
-                    lock.unlock();
-                    whileWaiting();
-                    lock.lock();
-                }
-            } else {
-                shared.changed.wait(lock, ready);
-            }
-            if (task.batches.empty()) {
-                if (task.error) {
-                    std::rethrow_exception(task.error);
-                }
-                shared.tasks[head] = {}; // frees its queue
-                shared.head = ++head;
-                shared.changed.notify_all();
-                continue;
-            }
-            batch = std::move(task.batches.front());
-            task.batches.pop_front();
-            task.held -= batch.size();
-            shared.changed.notify_all();
-        }
+    while (run.next(batch, whileWaiting)) {
         for (const Item& item : batch) {
             consume(item);
         }

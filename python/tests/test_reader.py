@@ -1,27 +1,21 @@
 """The reader against vundrel's files and kavot's views of them (CSV, HDF5, TIFF), and against kavot's own
-reader on malformed files. The programs come from the environment: TPX3GEN, VUNDREL, KAVOT (set by CTest)."""
+reader on malformed files; the package without its engine."""
 
 import os
+import shutil
 import struct
 import subprocess
+import sys
 
 import h5py
 import numpy as np
 import pytest
 
-import kavotphot
-
-PROGRAMS = {name: os.environ.get(name) for name in ("TPX3GEN", "VUNDREL", "KAVOT")}
-if not all(PROGRAMS.values()):
-    pytest.skip("TPX3GEN, VUNDREL and KAVOT must name the built programs (ctest sets them)", allow_module_level=True)
-
-
-def run(name, *args, check=True):
-    return subprocess.run([PROGRAMS[name], *map(str, args)], capture_output=True, text=True, check=check)
+import kavot
 
 
 @pytest.fixture(scope="module")
-def converted(tmp_path_factory):
+def converted(tmp_path_factory, run):
     """A generated recording converted with triggers (sample) and without (notrig), and the raw image."""
     d = tmp_path_factory.mktemp("converted")
     run("TPX3GEN", "-o", d / "s.tpx3", "--hits", 20000, "--seed", 5, "--tdc-rate", 1e5)
@@ -30,33 +24,33 @@ def converted(tmp_path_factory):
     return d
 
 
-def csv(*args):
+def csv(run, *args):
     return np.loadtxt(run("KAVOT", "csv", *args).stdout.splitlines(), delimiter=",", skiprows=1, ndmin=2)
 
 
-def test_photons_and_triggers_match_kavot_csv(converted):
-    photons, raw = kavotphot.read(converted / "sample.kavotphot"), kavotphot.read(converted / "sample.kavotphot", True)
-    table = csv(converted / "sample.kavotphot")
+def test_photons_and_triggers_match_kavot_csv(converted, run):
+    photons, raw = kavot.read(converted / "sample.kavotphot"), kavot.read(converted / "sample.kavotphot", True)
+    table = csv(run, converted / "sample.kavotphot")
     assert len(photons) == len(table) > 0
     assert (photons["toa"] == table[:, 3].astype(np.int64)).all()
     for axis, column in (("x", 0), ("y", 1)):  # CSV has 6 decimals: enough to recover the raw value exactly
         assert (raw[axis] == np.rint(table[:, column] * 65536)).all()
         assert (photons[axis] == raw[axis] / 65536).all()
-    triggers = kavotphot.read_triggers(converted / "sample.kavotphot")
-    assert (triggers == csv(converted / "sample.kavotphot", "--triggers")[:, 1].astype(np.int64)).all()
-    assert kavotphot.read_triggers(converted / "notrig.kavotphot") is None
+    triggers = kavot.read_triggers(converted / "sample.kavotphot")
+    assert (triggers == csv(run, converted / "sample.kavotphot", "--triggers")[:, 1].astype(np.int64)).all()
+    assert kavot.read_triggers(converted / "notrig.kavotphot") is None
 
 
-def test_hdf5_export_holds_the_photons_exactly(converted):
+def test_hdf5_export_holds_the_photons_exactly(converted, run):
     run("KAVOT", "export", converted / "sample.kavotphot", converted / "sample.h5")
-    photons = kavotphot.read(converted / "sample.kavotphot")
+    photons = kavot.read(converted / "sample.kavotphot")
     with h5py.File(converted / "sample.h5") as f:
         for name in ("x", "y", "toa"):
             assert f["photons"][name].dtype == photons[name].dtype and f["photons"][name].compression == "gzip"
             assert (f["photons"][name][:] == photons[name]).all()
-        assert (f["triggers/toa"][:] == kavotphot.read_triggers(converted / "sample.kavotphot")).all()
+        assert (f["triggers/toa"][:] == kavot.read_triggers(converted / "sample.kavotphot")).all()
         assert (f["photons/x"].attrs["units"], f["photons/toa"].attrs["units"]) == ("px", "ticks")
-        assert f["triggers/toa"].attrs["tick_s"] == kavotphot.TICK_S
+        assert f["triggers/toa"].attrs["tick_s"] == kavot.TICK_S
         assert (f.attrs["program_version"], f.attrs["source_file"]) == ("1.0.0", "sample.kavotphot")
 
 
@@ -71,8 +65,8 @@ def pixel_words(path):
     return words[words >> np.uint64(60) == 0xB]
 
 
-def test_hdf5_export_of_a_recording_holds_every_hit_in_time_order(converted):
-    run("KAVOT", "export", converted / "s.tpx3", converted / "s.h5")
+def test_hdf5_export_of_a_recording_as_vundrel_sees_it_holds_every_hit_in_time_order(converted, run):
+    run("KAVOT", "export", converted / "s.tpx3", converted / "s.h5", "--vundrel")
     w = pixel_words(converted / "s.tpx3")
     field = lambda shift, mask: ((w >> np.uint64(shift)) & np.uint64(mask)).astype(np.int64)
     pix = field(44, 0x7)
@@ -81,12 +75,12 @@ def test_hdf5_export_of_a_recording_holds_every_hit_in_time_order(converted):
         hits = np.stack([f["hits"][name][:].astype(np.int64) for name in ("x", "y", "tot")])
         assert (np.diff(f["hits/toa"][:]) >= 0).all() and f["hits/toa"].attrs["units"] == "ticks"
         # The triggers are those vundrel keeps with -T.
-        assert (f["triggers/toa"][:] == kavotphot.read_triggers(converted / "sample.kavotphot")).all()
+        assert (f["triggers/toa"][:] == kavot.read_triggers(converted / "sample.kavotphot")).all()
     assert len(w) == 20000 and hits.shape == expected.shape
     assert (hits[:, np.lexsort(hits)] == expected[:, np.lexsort(expected)]).all()  # the same hits, every one
 
 
-def test_tiff_is_a_32_bit_count_image(converted):
+def test_tiff_is_a_32_bit_count_image(converted, run):
     run("KAVOT", "image", converted / "s.raw", converted / "s.tiff")
     data = (converted / "s.tiff").read_bytes()
     assert data[:4] == b"II*\0"
@@ -125,9 +119,9 @@ ONE = struct.pack("<iiq", -65536, 32768, 7)  # x = -1 px, y = 0.5 px, 7 ticks
 )
 def test_well_formed_blocks_last_block_wins(tmp_path, data, photons, triggers):
     (tmp_path / "f.kavotphot").write_bytes(data)
-    read = kavotphot.read(tmp_path / "f.kavotphot")
+    read = kavot.read(tmp_path / "f.kavotphot")
     assert len(read) == photons and (photons == 0 or tuple(read[0]) == (-1.0, 0.5, 7))
-    found = kavotphot.read_triggers(tmp_path / "f.kavotphot")
+    found = kavot.read_triggers(tmp_path / "f.kavotphot")
     assert (found is None) if triggers is None else list(found) == triggers
 
 
@@ -148,10 +142,28 @@ def test_well_formed_blocks_last_block_wins(tmp_path, data, photons, triggers):
         (photon_file(block(b"extTrigs", b"")), "File does not contain photon data!"),
     ],
 )
-def test_malformed_files_are_refused_as_kavot_refuses_them(tmp_path, data, message):
+def test_malformed_files_are_refused_as_kavot_refuses_them(tmp_path, run, data, message):
     path = tmp_path / "bad.kavotphot"
     path.write_bytes(data)
     with pytest.raises(ValueError) as refused:
-        kavotphot.read(path)
+        kavot.read(path)
     assert str(refused.value).startswith(f"{path}: {message}")
     assert run("KAVOT", "summary", path, check=False).stderr.startswith(f"kavot: {message}")
+
+
+def test_first_package_name_is_the_same_reader():
+    import kavotphot as first
+
+    assert (first.read, first.read_triggers, first.TICK_S) == (kavot.read, kavot.read_triggers, kavot.TICK_S)
+
+
+def test_without_the_engine_the_reader_works_and_the_engine_says_what_is_missing(converted, tmp_path):
+    """A copy of the package without its compiled part, in a fresh interpreter."""
+    shutil.copytree(os.path.dirname(kavot.__file__), tmp_path / "kavot", ignore=shutil.ignore_patterns("_kavot*"))
+    script = (f"import kavot\nprint(len(kavot.read({str(converted / 'sample.kavotphot')!r})))\n"
+              "try:\n    kavot.convert('run.tpx3')\nexcept ImportError as error:\n    print(error)\n")
+    child = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, check=True,
+                           cwd=tmp_path, env={**os.environ, "PYTHONPATH": str(tmp_path)})
+    count, message = child.stdout.splitlines()[:2]
+    assert int(count) == len(kavot.read(converted / "sample.kavotphot")) > 0
+    assert message.startswith("kavot's engine (the compiled module kavot._kavot) did not load: ")
