@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 
 #include "ClusterSteps.hpp"
+#include "LinkLanes.hpp"
 #include "LinkWindow.hpp"
 #include "MarkedReader.hpp"
 #include "PixelActivationChain.hpp"
@@ -12,6 +14,193 @@
 #include "Tpx3DataSet.hpp"
 
 namespace kavot_tpx3spidr {
+
+namespace fullChainSearch {
+
+/// Where the scan of one cluster stands.
+struct Scan {
+    std::size_t j;          ///< the next position to look at
+    long horizon;           ///< a candidate later than this ends the scan
+    std::size_t firstFree;  ///< the first candidate left unmarked (0: none; no seed after the first is at 0)
+    std::size_t lastMarked; ///< the last position the cluster marked (its seed before any)
+    std::size_t ahead;      ///< the next position the window has not looked at for marks of c
+};
+
+/// Scans on from `scan.j` with `window` holding the members that can link; `scan.j` ends at the position that
+/// ended the scan.
+template <typename Reader>
+void scan_inWindow(
+    Reader& sequence, LinkWindow& window, Scan& scan, PixelActivationChain& chain, long dT, std::size_t carriedEnd) {
+    auto [j, horizon, firstFree, lastMarked, ahead] = scan;
+    bool scanning = true;
+    // The inner loop runs over the positions at hand and calls nothing that can move them; the sequence
+    // decodes more between its runs.
+    while (scanning && sequence.has(j)) {
+        const auto at = sequence.span();
+        for (; j < at.end; ++j) {
+            const PixelActivation candidate = at.activations[j - at.first];
+            const long tj = candidate.get_toa().get_value();
+            if (tj > horizon) {
+                scanning = false;
+                break;
+            }
+            if (at.marks[j - at.first] != Mark::free) {
+                continue;
+            }
+            for (; ahead <= carriedEnd && at.activations[ahead - at.first].get_toa().get_value() <= tj + dT; ++ahead) {
+                if (at.marks[ahead - at.first] == Mark::current) {
+                    window.add_carried(at.activations[ahead - at.first], tj - dT);
+                }
+            }
+            if (window.links(candidate.get_x_px(), candidate.get_y_px(), tj - dT)) {
+                chain.add_pixelActivation_notFirst(candidate);
+                at.marks[j - at.first] = Mark::current;
+                window.add_linked(candidate, tj - dT);
+                lastMarked = j;
+                horizon = std::max(horizon, tj + dT);
+            } else if (firstFree == 0) {
+                firstFree = j;
+            }
+        }
+        if (firstFree == 0) {
+            sequence.discardBefore(j);
+        }
+    }
+    scan = {j, horizon, firstFree, lastMarked, ahead};
+}
+
+/// The end of a cluster's scan: its photon when it is accepted, and where the search for the next seed starts.
+template <typename Reader, typename Sink>
+[[gnu::always_inline]] inline std::size_t finish_cluster(Reader& sequence,
+                                                         const PixelActivationChain& chain,
+                                                         const Scan& scan,
+                                                         std::size_t& carriedEnd,
+                                                         const ReconstructionParameters_PhotonEvents& parameters,
+                                                         Sink& sink) {
+    const std::size_t next = scan.firstFree != 0 ? scan.firstFree : scan.j;
+    if (accept_chain(chain, static_cast<double>(chain.weightSum), parameters)) {
+        emit_photon(sink, chain);
+        // The number moves on: no position the search reads again may carry it. Those marked since the last
+        // accepted cluster lie at or before lastMarked or carriedEnd; the next seed is the first position read
+        // again.
+        sequence.settle(next, std::max(scan.lastMarked, carriedEnd));
+        carriedEnd = 0;
+    } else {
+        carriedEnd = std::max(carriedEnd, scan.lastMarked);
+    }
+    return next;
+}
+
+/// The first free position at or after `i`, into `i`; false when the sequence ends before one.
+template <typename Reader>
+[[gnu::always_inline]] inline bool find_seed(Reader& sequence, std::size_t& i) {
+    for (;;) {
+        const auto at = sequence.span();
+        for (; i < at.end; ++i) {
+            if (at.marks[i - at.first] == Mark::free) {
+                return true;
+            }
+        }
+        sequence.discardBefore(i);
+        if (!sequence.has(i)) {
+            return false;
+        }
+    }
+}
+
+/// The search with the members that can link in a `LinkWindow`.
+template <typename Sequence, typename Sink>
+void search_inWindow(Sequence& activations, const ReconstructionParameters_PhotonEvents& parameters, Sink& sink) {
+    MarkedReader<Sequence> sequence(activations);
+    const long dT = parameters.dTime.get_value();
+    LinkWindow window(spaceLimit_px(parameters.dSpace));
+    // The last position marked by an earlier (rejected) cluster that carries c; 0 for none (position 0 can only be
+    // the first seed, which no later cluster reaches). Only up to it can the window find marks of c ahead; it lies
+    // within the positions read so far.
+    std::size_t carriedEnd = 0;
+    std::size_t i = 0;
+    while (find_seed(sequence, i)) {
+        const PixelActivation seed = sequence[i];
+        PixelActivationChain chain(seed);
+        window.clear();
+        window.add_linked(seed, seed.get_toa().get_value() - dT);
+        Scan scan{i + 1, seed.get_toa().get_value() + dT, 0, i, i + 1};
+        scan_inWindow(sequence, window, scan, chain, dT, carriedEnd);
+        i = finish_cluster(sequence, chain, scan, carriedEnd, parameters, sink);
+    }
+}
+
+#ifdef KAVOT_LINK_LANES
+/// The search with the members that can link in `LinkLanes` while they fit, in a `LinkWindow` for the rest of a
+/// cluster where they do not, and for a cluster that may find marks of c ahead.
+template <typename Sequence, typename Sink>
+[[gnu::target("avx2")]] void
+search_inLanes(Sequence& activations, const ReconstructionParameters_PhotonEvents& parameters, Sink& sink) {
+    MarkedReader<Sequence> sequence(activations);
+    const long dT = parameters.dTime.get_value();
+    const std::int64_t d = std::abs(std::int64_t{spaceLimit_px(parameters.dSpace)});
+    LinkLanes lanes(dT, d);
+    LinkWindow window(d);
+    std::size_t carriedEnd = 0; // as in `search_inWindow`
+    std::size_t i = 0;
+    while (find_seed(sequence, i)) {
+        auto at = sequence.span();
+        const PixelActivation seed = at.activations[i - at.first];
+        PixelActivationChain chain(seed);
+        std::size_t j = i + 1;
+        long horizon = seed.get_toa().get_value() + dT;
+        std::size_t firstFree = 0;
+        std::size_t lastMarked = i;
+        bool inLanes = carriedEnd <= i && lanes.start(seed);
+        bool inWindow = !inLanes;
+        if (inWindow) [[unlikely]] {
+            window.clear();
+            window.add_linked(seed, seed.get_toa().get_value() - dT);
+        }
+        while (inLanes) {
+            if (j == at.end) {
+                if (firstFree == 0) {
+                    sequence.discardBefore(j);
+                }
+                if (!sequence.has(j)) {
+                    break;
+                }
+                at = sequence.span();
+            }
+            const PixelActivation& candidate = at.activations[j - at.first];
+            const long tj = candidate.get_toa().get_value();
+            if (tj > horizon) {
+                break;
+            }
+            if (at.marks[j - at.first] == Mark::free) {
+                if (lanes.links(candidate)) {
+                    chain.add_pixelActivation_notFirst(candidate);
+                    at.marks[j - at.first] = Mark::current;
+                    lastMarked = j;
+                    // Not earlier than any member, so its time + dTime is the horizon (dTime >= 0 here).
+                    horizon = tj + dT;
+                    if (!lanes.add()) [[unlikely]] {
+                        lanes.handOver(window, tj);
+                        window.add_linked(candidate, tj - dT);
+                        inLanes = false;
+                        inWindow = true;
+                    }
+                } else if (firstFree == 0) {
+                    firstFree = j;
+                }
+            }
+            ++j;
+        }
+        Scan scan{j, horizon, firstFree, lastMarked, i + 1};
+        if (inWindow) [[unlikely]] {
+            scan_inWindow(sequence, window, scan, chain, dT, carriedEnd);
+        }
+        i = finish_cluster(sequence, chain, scan, carriedEnd, parameters, sink);
+    }
+}
+#endif
+
+} // namespace fullChainSearch
 
 /// The full-chain search, with the same result as the step-by-step description below, but less work.
 ///
@@ -45,85 +234,20 @@ namespace kavot_tpx3spidr {
 ///    since the last accepted cluster carry c; when a cluster is accepted, the `current` marks from the next
 ///    seed on become `taken` (none before it is read again), which touches only positions this scan or the
 ///    rejected clusters since the last accepted one have marked: work they did already.
+/// Chooses the search for the settings and the processor: `search_inLanes` where it can run.
 template <typename Sequence, typename Sink>
 void reconstruct_photonEvents_fullChain_direct(Sequence& activations,
                                                const ReconstructionParameters_PhotonEvents& parameters,
                                                Sink& sink) {
-    using namespace fullChainSearch;
-    MarkedReader<Sequence> sequence(activations);
-    const long dT = parameters.dTime.get_value();
-    LinkWindow window(spaceLimit_px(parameters.dSpace));
-    // The last position marked by an earlier (rejected) cluster that carries c; 0 for none (position 0 can only be
-    // the first seed, which no later cluster reaches). Only up to it can the window find marks of c ahead; it lies
-    // within the positions read so far.
-    std::size_t carriedEnd = 0;
-    std::size_t i = 0;
-    for (;;) {
-        sequence.discardBefore(i);
-        while (sequence.has(i) && sequence.mark(i) != Mark::free) {
-            ++i;
-        }
-        if (!sequence.has(i)) {
-            break;
-        }
-        sequence.discardBefore(i);
-        const PixelActivation seed = sequence[i];
-        PixelActivationChain chain(seed);
-        window.clear();
-        window.add_linked(seed, seed.get_toa().get_value() - dT);
-        std::size_t ahead = i + 1; // the next position the window has not looked at for marks of c
-        std::size_t lastMarked = i;
-        long horizon = seed.get_toa().get_value() + dT;
-        std::size_t firstFree = 0; // the first candidate left unmarked (0: none; no seed after the first is at 0)
-        std::size_t j = i + 1;
-        bool scanning = true;
-        // The inner loop runs over the positions at hand and calls nothing that can move them; the sequence
-        // decodes more between its runs.
-        while (scanning && sequence.has(j)) {
-            const auto at = sequence.span();
-            for (; j < at.end; ++j) {
-                const PixelActivation candidate = at.activations[j - at.first];
-                const long tj = candidate.get_toa().get_value();
-                if (tj > horizon) {
-                    scanning = false;
-                    break;
-                }
-                if (at.marks[j - at.first] != Mark::free) {
-                    continue;
-                }
-                for (; ahead <= carriedEnd && at.activations[ahead - at.first].get_toa().get_value() <= tj + dT;
-                     ++ahead) {
-                    if (at.marks[ahead - at.first] == Mark::current) {
-                        window.add_carried(at.activations[ahead - at.first], tj - dT);
-                    }
-                }
-                if (window.links(candidate.get_x_px(), candidate.get_y_px(), tj - dT)) {
-                    chain.add_pixelActivation_notFirst(candidate);
-                    at.marks[j - at.first] = Mark::current;
-                    window.add_linked(candidate, tj - dT);
-                    lastMarked = j;
-                    horizon = std::max(horizon, tj + dT);
-                } else if (firstFree == 0) {
-                    firstFree = j;
-                }
-            }
-            if (firstFree == 0) {
-                sequence.discardBefore(j);
-            }
-        }
-        const std::size_t next = firstFree != 0 ? firstFree : j;
-        if (accept_chain(chain, static_cast<double>(chain.weightSum), parameters)) {
-            emit_photon(sink, chain);
-            // The number moves on: no position the search reads again may carry it. Those marked since the
-            // last accepted cluster lie at or before lastMarked or carriedEnd; the next seed is the first
-            // position read again.
-            sequence.settle(next, std::max(lastMarked, carriedEnd));
-            carriedEnd = 0;
-        } else {
-            carriedEnd = std::max(carriedEnd, lastMarked);
-        }
-        i = next;
+#ifdef KAVOT_LINK_LANES
+    if (fullChainSearch::LinkLanes::usable(parameters.dTime.get_value(),
+                                           std::abs(std::int64_t{spaceLimit_px(parameters.dSpace)})) &&
+        fullChainSearch::linkLanes_supported()) {
+        fullChainSearch::search_inLanes(activations, parameters, sink);
+        return;
     }
+#endif
+    fullChainSearch::search_inWindow(activations, parameters, sink);
 }
 
 /// Grows one cluster at a time from its seed: a later activation joins when it lies within dTime and the
