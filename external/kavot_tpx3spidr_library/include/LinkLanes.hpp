@@ -101,7 +101,7 @@ public:
         _mm256_store_si256(reinterpret_cast<__m256i*>(times + 8), timesB);
         _mm256_store_si256(reinterpret_cast<__m256i*>(pixels), pixelsA);
         _mm256_store_si256(reinterpret_cast<__m256i*>(pixels + 8), pixelsB);
-        handOver_members(times, pixels, now, window);
+        handOver_members(times, pixels, now, dT, window);
     }
 
 private:
@@ -115,8 +115,9 @@ private:
                                 static_cast<std::uint32_t>(static_cast<std::uint16_t>(activation.get_y_px())) << 16);
     }
 
-    [[gnu::noinline]] void
-    handOver_members(const std::int32_t* times, const std::int32_t* pixels, long now, LinkWindow& window) const {
+    /// Static: while the lanes' address stays within the search, the compiler keeps them out of memory more often.
+    [[gnu::noinline]] static void
+    handOver_members(const std::int32_t* times, const std::int32_t* pixels, long now, long dT, LinkWindow& window) {
         window.clear();
         for (int k = 15; k >= 0; --k) {
             // t_k + dTime + 1 - now, exact in 32 bits (see above); positive for a member that can still link.

@@ -157,8 +157,21 @@ search_inLanes(Sequence& activations, const ReconstructionParameters_PhotonEvent
             window.clear();
             window.add_linked(seed, seed.get_toa().get_value() - dT);
         }
+        // The candidate and its mark by pointer, its position only where one is kept.
+        const PixelActivation* candidateAt = at.activations + (j - at.first);
+        const PixelActivation* endAt = at.activations + (at.end - at.first);
+        Mark* markAt = at.marks + (j - at.first);
+        const PixelActivation* lastMarkedAt = nullptr; // the last member since the view was taken, if any
+        const auto positionOf = [&](const PixelActivation* p) {
+            return at.first + static_cast<std::size_t>(p - at.activations);
+        };
         while (inLanes) {
-            if (j == at.end) {
+            if (candidateAt == endAt) {
+                j = positionOf(candidateAt);
+                if (lastMarkedAt != nullptr) {
+                    lastMarked = positionOf(lastMarkedAt);
+                    lastMarkedAt = nullptr;
+                }
                 if (firstFree == 0) {
                     sequence.discardBefore(j);
                 }
@@ -166,17 +179,20 @@ search_inLanes(Sequence& activations, const ReconstructionParameters_PhotonEvent
                     break;
                 }
                 at = sequence.span();
+                candidateAt = at.activations + (j - at.first);
+                endAt = at.activations + (at.end - at.first);
+                markAt = at.marks + (j - at.first);
             }
-            const PixelActivation& candidate = at.activations[j - at.first];
+            const PixelActivation& candidate = *candidateAt;
             const long tj = candidate.get_toa().get_value();
             if (tj > horizon) {
                 break;
             }
-            if (at.marks[j - at.first] == Mark::free) {
+            if (*markAt == Mark::free) {
                 if (lanes.links(candidate)) {
                     chain.add_pixelActivation_notFirst(candidate);
-                    at.marks[j - at.first] = Mark::current;
-                    lastMarked = j;
+                    *markAt = Mark::current;
+                    lastMarkedAt = candidateAt;
                     // Not earlier than any member, so its time + dTime is the horizon (dTime >= 0 here).
                     horizon = tj + dT;
                     if (!lanes.add()) [[unlikely]] {
@@ -186,14 +202,23 @@ search_inLanes(Sequence& activations, const ReconstructionParameters_PhotonEvent
                         inWindow = true;
                     }
                 } else if (firstFree == 0) {
-                    firstFree = j;
+                    firstFree = positionOf(candidateAt);
                 }
             }
-            ++j;
+            ++candidateAt;
+            ++markAt;
+        }
+        j = positionOf(candidateAt);
+        if (lastMarkedAt != nullptr) {
+            lastMarked = positionOf(lastMarkedAt);
         }
         Scan scan{j, horizon, firstFree, lastMarked, i + 1};
         if (inWindow) [[unlikely]] {
-            scan_inWindow(sequence, window, scan, chain, dT, carriedEnd);
+            // On a copy: while the chain's address stays in this function, the scan above keeps its sums in
+            // registers rather than in memory.
+            PixelActivationChain inWindowChain = chain;
+            scan_inWindow(sequence, window, scan, inWindowChain, dT, carriedEnd);
+            chain = inWindowChain;
         }
         i = finish_cluster(sequence, chain, scan, carriedEnd, parameters, sink);
     }
