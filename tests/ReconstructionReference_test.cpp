@@ -156,6 +156,27 @@ private:
     std::size_t end = 0;
 };
 
+/// A data set as a stream that keeps count of the most positions it had to hold at once: from the last discard
+/// point up to the end it was asked for.
+class HoldingSequence {
+public:
+    explicit HoldingSequence(const Data_Tpx3Spidr& data_) : data(data_) {}
+    bool has(std::size_t position) {
+        end = std::max(end, std::min(data.size(), position + 1));
+        held = std::max(held, end - keepFrom);
+        return position < end;
+    }
+    const PixelActivation& operator[](std::size_t position) const { return data[position]; }
+    void discardBefore(std::size_t position) { keepFrom = std::max(keepFrom, position); }
+    [[nodiscard]] std::size_t readableEnd() const { return end; }
+    std::size_t held = 0;
+
+private:
+    const Data_Tpx3Spidr& data;
+    std::size_t keepFrom = 0;
+    std::size_t end = 0;
+};
+
 /// The photons of `algorithm` over the data set as a restless stream.
 Photons restless(Algorithm algorithm, const Data_Tpx3Spidr& data, const Settings& p, int seed) {
     RestlessSequence sequence(data, static_cast<std::uint64_t>(seed));
@@ -251,8 +272,7 @@ TEST(Reconstruction, FullChainFollowsLongChainsAtEveryTimeDistance) {
     // the lanes do for step 0, starts a tick before 2^32 and lies at the edge of the 16-bit pixel range or at
     // negative pixels that the lanes cannot hold.
     struct Case {
-        long dT;
-        long step;
+        long dT, step;
         int length;
         long late;
         short x0;
@@ -293,9 +313,38 @@ TEST(Reconstruction, FullChainFollowsLongChainsAtEveryTimeDistance) {
         const auto p = settings(2.0, c.dT, 1);
         const Photons expected = referenceFullChain(data, p);
         EXPECT_EQ(expected.size(), c.photons);
-        for (const int seed : {0, 1}) {
-            EXPECT_EQ(restless(Algorithm::fullChain_direct, data, p, seed), expected);
-            EXPECT_EQ(restlessInWindow(data, p, seed), expected);
+        EXPECT_EQ(restless(Algorithm::fullChain_direct, data, p, 0), expected);
+        EXPECT_EQ(restlessInWindow(data, p, 1), expected);
+    }
+}
+
+TEST(Reconstruction, FullChainHoldsOnlyThePositionsWithinReach) {
+    // Clusters that overlap the next on another pixel: no scan discards, what lies before each seed must go.
+    std::vector<Hit> staggered;
+    std::vector<Hit> oneChain;
+    for (long k = 0; k < 1000; ++k) { // 4000 positions
+        const auto x = static_cast<short>(10 + 20 * (k % 3));
+        const long t = 100 * k;
+        staggered.insert(staggered.end(), {{x, 10, t, 3}, {x, 11, t + 45, 3}, {x, 10, t + 90, 3}, {x, 11, t + 135, 3}});
+        oneChain.insert(oneChain.end(),
+                        {{10, 10, t, 3}, {11, 10, t + 25, 3}, {10, 10, t + 50, 3}, {11, 10, t + 75, 3}});
+    }
+    const auto p = settings(2.0, 64, 2);
+    for (const auto* hits : {&staggered, &oneChain}) {
+        const auto data = dataOf(*hits);
+        const Photons expected = referenceFullChain(data, p);
+        for (const bool inWindow : {false, true}) {
+            SCOPED_TRACE(testing::Message()
+                         << (hits == &oneChain ? "one chain" : "staggered") << (inWindow ? ", window" : ", default"));
+            HoldingSequence sequence(data);
+            VectorPhotonSink sink;
+            if (inWindow) {
+                fullChainSearch::search_inWindow(sequence, p, sink);
+            } else {
+                reconstruct_photonEvents_fullChain_direct(sequence, p, sink);
+            }
+            EXPECT_EQ(sink.photons, expected);
+            EXPECT_LE(sequence.held, 16U);
         }
     }
 }

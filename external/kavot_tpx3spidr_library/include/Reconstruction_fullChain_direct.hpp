@@ -91,13 +91,16 @@ template <typename Reader, typename Sink>
     return next;
 }
 
-/// The first free position at or after `i`, into `i`; false when the sequence ends before one.
+/// The first free position at or after `i`, into `i`; false when the sequence ends before one. Nothing before
+/// the seed is read again: the sequence may let it go when it is next asked for more. Without that, a run of
+/// clusters that each leave a candidate unmarked (clusters side by side in time) would keep every position.
 template <typename Reader>
 [[gnu::always_inline]] inline bool find_seed(Reader& sequence, std::size_t& i) {
     for (;;) {
         const auto at = sequence.span();
         for (; i < at.end; ++i) {
             if (at.marks[i - at.first] == Mark::free) {
+                sequence.discardBefore(i);
                 return true;
             }
         }
