@@ -19,7 +19,7 @@ BY_FILE = [
     ("decoding", r"Tpx3Packet\.|Tpx3PixelWords|Tpx3TimeScale|Tpx3HitSource|Tpx3ScaleDecoding|Tpx3CanvasDecoding|Tpx3ChipClocks"
                  r"|Tpx3Decode|LittleEndian"),
     ("ordering", r"TimeOrder|RunMerge|SpillFile|HitMerge"),
-    ("clustering", r"Reconstruction_|LinkWindow|LinkLanes|ClusterSteps|PixelActivationChain|PixelTable"
+    ("clustering", r"Reconstruction_|LinkWindow|LinkLanes|MarkedReader|ClusterSteps|PixelActivationChain|PixelTable"
                    r"|Centroid|PhotonMeasures"),
     ("writing", r"PhotonFileWriter|FileHandler_PhotonEvents|ReplacingFile|PhotonSink"),
     ("reading", r"Tpx3DataSet|ReadBuffer|ChunkWalk"),
@@ -28,7 +28,7 @@ BY_FILE = [
 BY_FUNCTION = [
     ("ordering", r"radixSort|RunMerge|HitMerge|TimeOrder|for_eachPixel_repaired|insert_"),
     ("decoding", r"decode"),
-    ("clustering", r"reconstruct_photonEvents|stream_reconstruction|Cluster|LinkWindow"),
+    ("clustering", r"reconstruct_photonEvents|stream_reconstruction|Cluster|LinkWindow|fullChainSearch"),
     ("writing", r"PhotonSink|StreamingSink|PhotonFileWriter|copy_folio_from_iter|generic_perform_write|ext4_(da_)?write"
                 r"|ext4_buffered_write|fdatasync|ext4_sync_file|write_cache_pages|__x64_sys_write|ksys_write"),
     ("reading", r"_copy_to_iter|filemap_|copy_page_to_iter|ext4_file_read_iter|__x64_sys_read|ksys_read"

@@ -156,11 +156,41 @@ private:
     std::size_t end = 0;
 };
 
+/// A data set as a stream that keeps count of the most positions it had to hold at once: from the last discard
+/// point up to the end it was asked for.
+class HoldingSequence {
+public:
+    explicit HoldingSequence(const Data_Tpx3Spidr& data_) : data(data_) {}
+    bool has(std::size_t position) {
+        end = std::max(end, std::min(data.size(), position + 1));
+        held = std::max(held, end - keepFrom);
+        return position < end;
+    }
+    const PixelActivation& operator[](std::size_t position) const { return data[position]; }
+    void discardBefore(std::size_t position) { keepFrom = std::max(keepFrom, position); }
+    [[nodiscard]] std::size_t readableEnd() const { return end; }
+    std::size_t held = 0;
+
+private:
+    const Data_Tpx3Spidr& data;
+    std::size_t keepFrom = 0;
+    std::size_t end = 0;
+};
+
 /// The photons of `algorithm` over the data set as a restless stream.
 Photons restless(Algorithm algorithm, const Data_Tpx3Spidr& data, const Settings& p, int seed) {
     RestlessSequence sequence(data, static_cast<std::uint64_t>(seed));
     VectorPhotonSink sink;
     reconstruct_photonEvents_into(algorithm, sequence, p, sink);
+    return sink.photons;
+}
+
+/// The full-chain search with every cluster's members in a `LinkWindow`, as it runs where the vector lanes
+/// cannot (settings beyond their limits, processors without them).
+Photons restlessInWindow(const Data_Tpx3Spidr& data, const Settings& p, int seed) {
+    RestlessSequence sequence(data, static_cast<std::uint64_t>(seed));
+    VectorPhotonSink sink;
+    fullChainSearch::search_inWindow(sequence, p, sink);
     return sink.photons;
 }
 
@@ -219,12 +249,102 @@ TEST(Reconstruction, FullChainEqualsTheStepByStepSearch) {
         } else if (round % 5 == 2) {
             moveOntoCanvas(hits);
         }
+        // Now and then the times straddle 2^31 or 2^32 ticks, where the vector lanes' 32-bit times wrap.
+        const long offsets[] = {0, (1L << 31) - 700, (1L << 32) - 700, (1L << 40) - 700};
+        for (auto& hit : hits) {
+            hit.toa += offsets[round % 8 < 4 ? round % 8 : 0];
+        }
         const auto data = dataOf(hits);
         // Bounds that reject many clusters (their numbers are reused); dTime to -4; now and then a large distance.
         const double dSpace = round % 11 == 0 ? 20.0 : static_cast<double>(random() % 45) / 10.0 - 0.5;
         const auto p = settings(dSpace, static_cast<long>(random() % 80) - 4, random() % 3, random() % 5,
                                 static_cast<double>(random() % 40), static_cast<double>(random() % 3000));
-        ASSERT_EQ(restless(Algorithm::fullChain_direct, data, p, round), referenceFullChain(data, p))
-            << "round " << round;
+        const Photons expected = referenceFullChain(data, p);
+        ASSERT_EQ(restless(Algorithm::fullChain_direct, data, p, round), expected) << "round " << round;
+        ASSERT_EQ(restlessInWindow(data, p, round), expected) << "round " << round;
+    }
+}
+
+TEST(Reconstruction, FullChainFollowsLongChainsAtEveryTimeDistance) {
+    // A chain of hits `step` ticks apart on pixels 2 apart along a row, and then a hit beside its first one, `late`
+    // ticks after it: it joins exactly when late <= dTime. The chain outlives the 32-bit range of the vector lanes'
+    // times for the large dTimes (a wrong limit lets a member far back link), holds more members within dTime than
+    // the lanes do for step 0, starts a tick before 2^32 and lies at the edge of the 16-bit pixel range or at
+    // negative pixels that the lanes cannot hold.
+    struct Case {
+        long dT, step;
+        int length;
+        long late;
+        short x0;
+        std::size_t photons;
+    };
+    constexpr long limit = 1L << 26; // the largest dTime the lanes take
+    const Case cases[] = {
+        {0, 0, 20, 0, 0, 1},
+        {64, 64, 20, 64, 0, 1},
+        {64, 64, 20, 65, 0, 2},
+        {64, 64, 20, 15 * 64, 0, 2},
+        {64, 0, 40, 64, 0, 1}, // 40 members within dTime
+        {64, 0, 40, 65, 0, 2},
+        {64, 16, 40, 64, 0, 1}, // 5 members within dTime
+        // The first member is the oldest of sixteen in the lanes when the late hit comes 15 dTime after it.
+        {limit - 1, limit - 1, 20, 15 * (limit - 1), 0, 2},
+        {limit, limit, 20, 15 * limit, 0, 2},
+        {limit, limit, 20, limit, 0, 1},
+        {limit + 1, limit + 1, 20, 15 * (limit + 1), 0, 2},
+        {1L << 27, 1L << 27, 20, 15L << 27, 0, 2},
+        {1L << 28, 1L << 28, 20, 15L << 28, 0, 2},
+        {1L << 30, 1L << 30, 20, 15L << 30, 0, 2},
+        {64, 64, 20, 64, 32727, 1},
+        {64, 64, 20, 65, 32727, 2},
+        {64, 0, 40, 64, -60, 1},
+        {64, 0, 40, 65, -60, 2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "dTime " << c.dT << " step " << c.step << " late " << c.late << " x0 "
+                                        << c.x0);
+        const long t0 = (1L << 32) - 1;
+        std::vector<Hit> hits;
+        for (int k = 0; k < c.length; ++k) {
+            hits.push_back({static_cast<short>(c.x0 + 2 * k), 7, t0 + k * c.step, 3});
+        }
+        hits.push_back({c.x0, 9, t0 + c.late, 3});
+        const auto data = dataOf(hits);
+        const auto p = settings(2.0, c.dT, 1);
+        const Photons expected = referenceFullChain(data, p);
+        EXPECT_EQ(expected.size(), c.photons);
+        EXPECT_EQ(restless(Algorithm::fullChain_direct, data, p, 0), expected);
+        EXPECT_EQ(restlessInWindow(data, p, 1), expected);
+    }
+}
+
+TEST(Reconstruction, FullChainHoldsOnlyThePositionsWithinReach) {
+    // Clusters that overlap the next on another pixel: no scan discards, what lies before each seed must go.
+    std::vector<Hit> staggered;
+    std::vector<Hit> oneChain;
+    for (long k = 0; k < 1000; ++k) { // 4000 positions
+        const auto x = static_cast<short>(10 + 20 * (k % 3));
+        const long t = 100 * k;
+        staggered.insert(staggered.end(), {{x, 10, t, 3}, {x, 11, t + 45, 3}, {x, 10, t + 90, 3}, {x, 11, t + 135, 3}});
+        oneChain.insert(oneChain.end(),
+                        {{10, 10, t, 3}, {11, 10, t + 25, 3}, {10, 10, t + 50, 3}, {11, 10, t + 75, 3}});
+    }
+    const auto p = settings(2.0, 64, 2);
+    for (const auto* hits : {&staggered, &oneChain}) {
+        const auto data = dataOf(*hits);
+        const Photons expected = referenceFullChain(data, p);
+        for (const bool inWindow : {false, true}) {
+            SCOPED_TRACE(testing::Message()
+                         << (hits == &oneChain ? "one chain" : "staggered") << (inWindow ? ", window" : ", default"));
+            HoldingSequence sequence(data);
+            VectorPhotonSink sink;
+            if (inWindow) {
+                fullChainSearch::search_inWindow(sequence, p, sink);
+            } else {
+                reconstruct_photonEvents_fullChain_direct(sequence, p, sink);
+            }
+            EXPECT_EQ(sink.photons, expected);
+            EXPECT_LE(sequence.held, 16U);
+        }
     }
 }
