@@ -305,7 +305,9 @@ template <typename Clock>
     return detail::census(
         clock,
         [&](std::uint64_t from, auto&& onChunk, auto&&... beforeRefill) {
-            for_eachChunk_tpx3(file, onChunk, std::size_t{1} << 20, from, beforeRefill...);
+            // A window of 512 KiB: the pages of a larger one, touched for the first time by every run, cost a
+            // 1 M-hit run a sixth of its time (8 MiB: 36.0 ms, 512 KiB: 30.5 ms), and this one stays in cache.
+            for_eachChunk_tpx3(file, onChunk, std::size_t{1} << 16, from, beforeRefill...);
         },
         [&](std::uint64_t first, std::size_t count, std::uint64_t* destination) {
             file.read_words(first, count, destination);
