@@ -118,27 +118,44 @@ private:
         if (nextBlock == census.blocks.size()) {
             return false;
         }
-        if (checkpoint) {
-            checkpoint();
-        }
-        const std::size_t b = nextBlock++;
-        const Tpx3Block& block = census.blocks[b];
-        words.resize(static_cast<std::size_t>(block.endWord - block.firstWord));
-        file.read_words(block.firstWord, words.size(), words.data());
-        // A block has no more pixel packets than words, whatever the file holds now. The decode writes every
-        // record it counts, so only what the vector never held is filled first.
+        // Blocks join one run while each next one spans the middle of the first one's times (a readout lag of
+        // many blocks, whose times interleave): their stable sort together is the merge of their sorted runs (ties
+        // to the earlier block, which holds the earlier file positions), and the merge then gets a few long runs
+        // instead of many short ones whose interleaved activations each cost it a step of its heap. Blocks that
+        // follow one another in time, or come in reverse, stay runs of their own: the merge hands them on whole.
         const PixelActivation blank = blankRecord(std::type_identity<PixelActivation>{});
         std::vector<PixelActivation> run = merge.take_spare();
-        if (run.size() < words.size() + pixelWords_slack) {
-            run.resize(words.size() + pixelWords_slack, blank);
+        std::size_t filled = 0;
+        const Tpx3Block& first = census.blocks[nextBlock];
+        const long middle = first.pixelCount == 0 ? std::numeric_limits<long>::min()
+                                                  : first.earliest + (first.latest - first.earliest) / 2;
+        for (;;) {
+            if (checkpoint) {
+                checkpoint();
+            }
+            const std::size_t b = nextBlock++;
+            const Tpx3Block& block = census.blocks[b];
+            words.resize(static_cast<std::size_t>(block.endWord - block.firstWord));
+            file.read_words(block.firstWord, words.size(), words.data());
+            // A block has no more pixel packets than words, whatever the file holds now. The decode writes every
+            // record it counts, so only what the vector never held is filled first.
+            if (run.size() < filled + words.size() + pixelWords_slack) {
+                run.resize(filled + words.size() + pixelWords_slack, blank);
+            }
+            if (decoding.decode_block(census, b, words.data(), words.size(), run.data() + filled) != block.pixelCount) {
+                throw file.changed(); // the census counted other packets here
+            }
+            filled += block.pixelCount;
+            bound = block.minAfter;
+            if (nextBlock == census.blocks.size() || census.blocks[nextBlock].earliest >= middle ||
+                census.blocks[nextBlock].latest <= middle ||
+                filled + census.blocks[nextBlock].pixelCount > groupMost_hits) {
+                break;
+            }
         }
-        run.resize(decoding.decode_block(census, b, words.data(), words.size(), run.data()), blank);
-        if (run.size() != block.pixelCount) {
-            throw file.changed(); // the census counted other packets here
-        }
+        run.resize(filled, blank);
         sort_byTime(run, scratch);
         merge.add_run(std::move(run));
-        bound = block.minAfter;
         merge.release(bound, released, releaseStep_hits);
         return true;
     }
@@ -156,6 +173,8 @@ private:
     /// At most this many are released at a time: after the last block of a reversed recording, all of it is
     /// certain at once.
     static constexpr std::size_t releaseStep_hits = std::size_t{1} << 18;
+    /// Blocks join one run up to this many activations.
+    static constexpr std::size_t groupMost_hits = std::size_t{1} << 18;
 
     const Tpx3InputFile& file;
     const Tpx3Census& census;
