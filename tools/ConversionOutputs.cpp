@@ -186,19 +186,20 @@ void Hdf5PhotonOutput::begin(const ConversionFacts& /*facts*/) {
 }
 
 void Hdf5PhotonOutput::photons(const ConvertedPhoton* first, std::size_t count) {
-    for (const ConvertedPhoton* p = first; p != first + count; ++p) {
-        const kavot_tpx3spidr::PhotonMeasures& m = p->measures;
-        open->x.push(m.photon.x.get_px());
-        open->y.push(m.photon.y.get_px());
-        open->t.push(m.photon.toa.get_value());
-        open->tof.push(p->tof_ticks);
-        open->trigger.push(p->trigger);
-        // A conversion's --max-hits is at most 65535.
-        open->nHits.push(static_cast<std::uint16_t>(m.nHits));
-        open->totSum.push(m.totSum);
-        open->totMax.push(m.totMax);
-        open->chip.push(m.chip);
-    }
+    // Column by column: each a tight loop over the batch.
+    const auto column = [&](auto& to, auto valueOf) {
+        to.push_each(count, [&](std::size_t k) { return valueOf(first[k]); });
+    };
+    column(open->x, [](const ConvertedPhoton& p) { return p.measures.photon.x.get_px(); });
+    column(open->y, [](const ConvertedPhoton& p) { return p.measures.photon.y.get_px(); });
+    column(open->t, [](const ConvertedPhoton& p) { return p.measures.photon.toa.get_value(); });
+    column(open->tof, [](const ConvertedPhoton& p) { return p.tof_ticks; });
+    column(open->trigger, [](const ConvertedPhoton& p) { return p.trigger; });
+    // A conversion's --max-hits is at most 65535.
+    column(open->nHits, [](const ConvertedPhoton& p) { return static_cast<std::uint16_t>(p.measures.nHits); });
+    column(open->totSum, [](const ConvertedPhoton& p) { return p.measures.totSum; });
+    column(open->totMax, [](const ConvertedPhoton& p) { return p.measures.totMax; });
+    column(open->chip, [](const ConvertedPhoton& p) { return p.measures.chip; });
 }
 
 void Hdf5PhotonOutput::finish(const ConversionFacts& facts, const SpillingList<Time>& triggers) {

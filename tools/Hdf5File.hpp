@@ -248,6 +248,23 @@ public:
             flush();
         }
     }
+    /// Appends `count` values, the k-th being `valueOf(k)`: one tight loop a batch instead of a call a value.
+    template <typename ValueOf>
+    void push_each(std::size_t count, ValueOf&& valueOf) {
+        for (std::size_t k = 0; k < count;) {
+            const std::size_t start = values.size();
+            const std::size_t n = std::min(count - k, batch_values - start);
+            values.resize(start + n);
+            T* to = values.data() + start;
+            for (std::size_t i = 0; i < n; ++i) {
+                to[i] = valueOf(k + i);
+            }
+            k += n;
+            if (values.size() == batch_values) {
+                flush();
+            }
+        }
+    }
     void flush() {
         column.append(values.data(), values.size());
         values.clear();
