@@ -109,7 +109,7 @@ summarize_avx2(const std::uint64_t* words, std::size_t count, std::uint64_t lowe
         const __m256i high = _mm256_blendv_epi8(latest, time, isPixel);
         latest = _mm256_blendv_epi8(latest, high, _mm256_cmpgt_epi64(high, latest));
     }
-    alignas(32) long long lanesOf[4][5];
+    alignas(32) long long lanesOf[4][4]; // rows of 32 bytes, each aligned for its store
     _mm256_store_si256(reinterpret_cast<__m256i*>(lanesOf[0]), pixels);
     _mm256_store_si256(reinterpret_cast<__m256i*>(lanesOf[1]), tdcs);
     _mm256_store_si256(reinterpret_cast<__m256i*>(lanesOf[2]), globals);
