@@ -127,8 +127,11 @@ private:
         std::vector<PixelActivation> run = merge.take_spare();
         std::size_t filled = 0;
         const Tpx3Block& first = census.blocks[nextBlock];
+        // Half the span, taken unsigned, fits a long and lands between the two whatever the times are.
+        const std::uint64_t halfSpan =
+            (static_cast<std::uint64_t>(first.latest) - static_cast<std::uint64_t>(first.earliest)) / 2;
         const long middle = first.pixelCount == 0 ? std::numeric_limits<long>::min()
-                                                  : first.earliest + (first.latest - first.earliest) / 2;
+                                                  : wrapping_add(first.earliest, static_cast<long>(halfSpan));
         for (;;) {
             if (checkpoint) {
                 checkpoint();
