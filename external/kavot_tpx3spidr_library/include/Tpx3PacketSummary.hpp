@@ -175,20 +175,24 @@ summarize_avx512(const std::uint64_t* words, std::size_t count, std::uint64_t lo
 
 using Summarize = PacketSummary (*)(const std::uint64_t*, std::size_t, std::uint64_t, std::uint64_t) noexcept;
 
+/// Of the versions of one function for AVX-512, AVX2 and any processor, the widest this processor runs.
+template <typename Function>
+[[nodiscard]] Function widest_supported(Function avx512, Function avx2, Function portable) noexcept {
+#if defined(__x86_64__)
+    __builtin_cpu_init();
+    if (__builtin_cpu_supports("avx512f")) {
+        return avx512;
+    }
+    if (__builtin_cpu_supports("avx2")) {
+        return avx2;
+    }
+#endif
+    return portable;
+}
+
 /// The widest summary this processor runs, chosen once.
 [[nodiscard]] inline Summarize chosen_summarize() noexcept {
-    static const Summarize chosen = [] {
-#if defined(__x86_64__)
-        __builtin_cpu_init();
-        if (__builtin_cpu_supports("avx512f")) {
-            return &summarize_avx512;
-        }
-        if (__builtin_cpu_supports("avx2")) {
-            return &summarize_avx2;
-        }
-#endif
-        return &summarize_portable;
-    }();
+    static const Summarize chosen = widest_supported(&summarize_avx512, &summarize_avx2, &summarize_portable);
     return chosen;
 }
 

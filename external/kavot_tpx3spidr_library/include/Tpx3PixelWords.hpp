@@ -271,18 +271,8 @@ using DecodeChunks =
 
 /// The widest decode this processor runs, chosen once.
 [[nodiscard]] inline DecodeChunks chosen_decodeChunks() noexcept {
-    static const DecodeChunks chosen = [] {
-#if defined(__x86_64__)
-        __builtin_cpu_init();
-        if (__builtin_cpu_supports("avx512f")) {
-            return &decode_chunks_avx512;
-        }
-        if (__builtin_cpu_supports("avx2")) {
-            return &decode_chunks_avx2;
-        }
-#endif
-        return &decode_chunks_portable;
-    }();
+    static const DecodeChunks chosen =
+        widest_supported(&decode_chunks_avx512, &decode_chunks_avx2, &decode_chunks_portable);
     return chosen;
 }
 
