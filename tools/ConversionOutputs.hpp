@@ -25,7 +25,12 @@ namespace kavot_tool {
 /// as attributes.
 class Hdf5PhotonOutput : public ConversionOutput {
 public:
-    Hdf5PhotonOutput(std::string path_, const ConversionSettings& settings_, Hdf5Compression compression_);
+    /// Writes the file at `path_`; `fd_` is a descriptor of that file, on which its disk writes are started as
+    /// it grows (-1: none).
+    Hdf5PhotonOutput(std::string path_,
+                     const ConversionSettings& settings_,
+                     Hdf5Compression compression_,
+                     int fd_ = -1);
     ~Hdf5PhotonOutput() override;
 
     void begin(const ConversionFacts& facts) override;
@@ -35,10 +40,14 @@ public:
 
 private:
     struct Open;
+    /// Photons between two starts of the disk writes: about 7 MiB of columns.
+    static constexpr std::uint64_t writeBack_photons = std::uint64_t{1} << 18;
 
     std::string path;
     const ConversionSettings& settings;
     Hdf5Compression compression;
+    int fd;
+    std::uint64_t sinceWriteBack = 0; ///< photons written since the disk writes were last started
     std::unique_ptr<Open> open;
 };
 

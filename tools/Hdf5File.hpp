@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -55,6 +56,11 @@ inline void check_hdf5(herr_t status, const std::string& what) {
     if (status < 0) {
         throw std::invalid_argument("HDF5: unable to " + what + "!");
     }
+}
+
+/// Objects created with `properties` carry no times: a file then holds the same bytes for the same content.
+inline void untimed(hid_t properties) {
+    check_hdf5(H5Pset_obj_track_times(properties, false), "describe an object");
 }
 
 /// A UTF-8 text attribute (h5py reads it as str).
@@ -131,7 +137,7 @@ public:
         : length(length_.value_or(0)), growing(!length_),
           chunk(growing ? chunk_values : std::min<hsize_t>(chunk_values, std::max<hsize_t>(length, 1))),
           packed(compression == Hdf5Compression::fast && std::is_integral_v<T>),
-          dataset(create(parent, name, compression)) {}
+          direct(compression != Hdf5Compression::small), dataset(create(parent, name, compression)) {}
 
     [[nodiscard]] hid_t get() const noexcept { return dataset.get(); }
 
@@ -146,11 +152,9 @@ public:
         } else if (count > length - written) {
             throw std::invalid_argument("HDF5: more values than the dataset holds!");
         }
-        if constexpr (std::is_integral_v<T>) {
-            if (packed) {
-                appendPacked(values, count);
-                return;
-            }
+        if (direct) {
+            appendChunks(values, count);
+            return;
         }
         const Hdf5Id fileSpace(H5Dget_space(dataset.get()), H5Sclose, "select in a dataset");
         check_hdf5(H5Sselect_hyperslab(fileSpace.get(), H5S_SELECT_SET, &written, nullptr, &count, nullptr),
@@ -170,25 +174,32 @@ public:
     }
 
 private:
-    /// Writes whole chunks packed as the scale-offset filter packs them (see `ScaleOffset.hpp`); a last, shorter
-    /// chunk is padded with its last value, which leaves its range as it is.
-    void appendPacked(const T* values, hsize_t count) {
+    /// Writes whole chunks as they are stored: integers packed as the scale-offset filter packs them (see
+    /// `ScaleOffset.hpp`), other values as they lie in memory. A last, shorter chunk is padded with its last
+    /// value, which leaves its range as it is. HDF5's own write would copy each chunk through its chunk cache.
+    void appendChunks(const T* values, hsize_t count) {
         if (written % chunk != 0) {
-            throw std::invalid_argument("HDF5: a packed column takes its values a chunk at a time!");
+            throw std::invalid_argument("HDF5: a column written as chunks takes its values a chunk at a time!");
         }
         for (hsize_t at = 0; at < count; at += chunk) {
             const auto n = static_cast<std::size_t>(std::min<hsize_t>(chunk, count - at));
-            std::vector<unsigned char> stored;
-            if (n == chunk) {
-                stored = scaleoffset::encode(values + at, n);
-            } else {
-                std::vector<T> padded(values + at, values + at + n);
+            const T* from = values + at;
+            if (n < chunk) {
+                padded.assign(from, from + n);
                 padded.resize(static_cast<std::size_t>(chunk), padded.back());
-                stored = scaleoffset::encode(padded.data(), padded.size());
+                from = padded.data();
+            }
+            const void* bytes = from;
+            std::size_t size = static_cast<std::size_t>(chunk) * sizeof(T);
+            if constexpr (std::is_integral_v<T>) {
+                if (packed) {
+                    scaleoffset::encode(from, static_cast<std::size_t>(chunk), stored);
+                    bytes = stored.data();
+                    size = stored.size();
+                }
             }
             const hsize_t offset = written + at;
-            check_hdf5(H5Dwrite_chunk(dataset.get(), H5P_DEFAULT, 0, &offset, stored.size(), stored.data()),
-                       "write a dataset");
+            check_hdf5(H5Dwrite_chunk(dataset.get(), H5P_DEFAULT, 0, &offset, size, bytes), "write a dataset");
         }
         written += count;
     }
@@ -199,12 +210,13 @@ private:
         const Hdf5Id space(H5Screate_simple(1, &length, &unlimited), H5Sclose, "describe a dataset");
         const Hdf5Id properties(H5Pcreate(H5P_DATASET_CREATE), H5Pclose, "describe a dataset");
         check_hdf5(H5Pset_chunk(properties.get(), 1, &chunk), "describe a dataset");
+        untimed(properties.get());
         if (compression == Hdf5Compression::small) {
             // Shuffling the bytes of neighbouring values first makes their slowly varying high bytes compress well.
             check_hdf5(H5Pset_shuffle(properties.get()), "compress a dataset");
             check_hdf5(H5Pset_deflate(properties.get(), 4), "compress a dataset");
         } else if (packed) {
-            // Without a fill value the filter keeps no code for it: the chunks are packed as `appendPacked` does.
+            // Without a fill value the filter keeps no code for it: the chunks are packed as `appendChunks` does.
             check_hdf5(H5Pset_scaleoffset(properties.get(), H5Z_SO_INT, H5Z_SO_INT_MINBITS_DEFAULT),
                        "compress a dataset");
             check_hdf5(H5Pset_fill_value(properties.get(), Hdf5Type<T>::stored(), nullptr), "compress a dataset");
@@ -218,8 +230,11 @@ private:
     bool growing;
     hsize_t chunk;
     bool packed; ///< integers packed chunk by chunk by scale-offset
+    bool direct; ///< chunks written as stored: packed, or without a filter
     hsize_t written = 0;
     Hdf5Id dataset;
+    std::vector<unsigned char> stored; ///< the chunk being written, packed
+    std::vector<T> padded;             ///< a last, shorter chunk, padded
 };
 
 /// A column of values collected a batch at a time (a chunk's worth), with its unit as the attribute "units" (and,
@@ -239,12 +254,11 @@ public:
         if (units == "ticks") {
             write_attribute(column.get(), "tick_s", kavot_tpx3spidr::Time::tick_seconds);
         }
-        values.reserve(batch_values);
     }
     [[nodiscard]] hid_t get() const noexcept { return column.get(); }
     void push(T value) {
-        values.push_back(value);
-        if (values.size() == batch_values) {
+        values[held++] = value;
+        if (held == batch_values) {
             flush();
         }
     }
@@ -252,22 +266,21 @@ public:
     template <typename ValueOf>
     void push_each(std::size_t count, ValueOf&& valueOf) {
         for (std::size_t k = 0; k < count;) {
-            const std::size_t start = values.size();
-            const std::size_t n = std::min(count - k, batch_values - start);
-            values.resize(start + n);
-            T* to = values.data() + start;
+            const std::size_t n = std::min(count - k, batch_values - held);
+            T* to = values.get() + held;
             for (std::size_t i = 0; i < n; ++i) {
                 to[i] = valueOf(k + i);
             }
             k += n;
-            if (values.size() == batch_values) {
+            held += n;
+            if (held == batch_values) {
                 flush();
             }
         }
     }
     void flush() {
-        column.append(values.data(), values.size());
-        values.clear();
+        column.append(values.get(), held);
+        held = 0;
     }
     void close() {
         flush();
@@ -276,28 +289,38 @@ public:
 
 private:
     Hdf5Column<T> column;
-    std::vector<T> values;
+    /// Left uninitialised: each value is written before it is read (a zeroed batch cost a pass over it).
+    std::unique_ptr<T[]> values{new T[batch_values]};
+    std::size_t held = 0;
 };
 
 /// A new HDF5 file at `path` (an existing file there is replaced).
 class Hdf5File {
 public:
     explicit Hdf5File(const std::string& path)
-        : file((quiet(), H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT)),
+        : file((quiet(), H5Fcreate(path.c_str(), H5F_ACC_TRUNC, untimedCreation(H5P_FILE_CREATE).get(), H5P_DEFAULT)),
                H5Fclose,
                "create \"" + path + "\"") {}
 
     [[nodiscard]] hid_t get() const noexcept { return file.get(); }
 
     [[nodiscard]] Hdf5Id create_group(const std::string& name) const {
-        return Hdf5Id(H5Gcreate2(file.get(), name.c_str(), H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT), H5Gclose,
-                      "create group " + name);
+        return Hdf5Id(
+            H5Gcreate2(file.get(), name.c_str(), H5P_DEFAULT, untimedCreation(H5P_GROUP_CREATE).get(), H5P_DEFAULT),
+            H5Gclose, "create group " + name);
     }
 
     /// Flushes and closes the file; only a file closed without error is complete.
     void close() { file.close_checked("write the file"); }
 
 private:
+    /// Creation properties of the class `kind` (the file's root group, a group) without times.
+    static Hdf5Id untimedCreation(hid_t kind) {
+        Hdf5Id properties(H5Pcreate(kind), H5Pclose, "describe an object");
+        untimed(properties.get());
+        return properties;
+    }
+
     /// The library prints its error stack by default; ours are the messages thrown above.
     static int quiet() {
         H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);

@@ -36,65 +36,78 @@ constexpr std::size_t header_bytes = 21;
     return bits;
 }
 
-/// The stored chunk of `count` values (a whole chunk: the caller pads a last, shorter one).
+/// The stored chunk of `count` values (a whole chunk: the caller pads a last, shorter one) into `out`, which is
+/// resized to it (a buffer reused chunk after chunk is neither allocated nor cleared again).
 template <typename T>
-[[nodiscard]] std::vector<unsigned char> encode(const T* values, std::size_t count) {
+void encode(const T* values, std::size_t count, std::vector<unsigned char>& out) {
     static_assert(std::is_integral_v<T>, "scale-offset without loss is for integers");
     using U = std::make_unsigned_t<T>;
     constexpr unsigned width = sizeof(T) * 8;
-    T lowest = count > 0 ? values[0] : T{0};
-    T highest = lowest;
-    for (std::size_t i = 0; i < count; ++i) {
-        lowest = std::min(lowest, values[i]);
-        highest = std::max(highest, values[i]);
+    // Four running extremes: the loop does not wait on the comparison of the value before.
+    T low[4];
+    T high[4];
+    std::fill_n(low, 4, count > 0 ? values[0] : T{0});
+    std::fill_n(high, 4, low[0]);
+    std::size_t i = 0;
+    for (; i + 4 <= count; i += 4) {
+        for (unsigned lane = 0; lane < 4; ++lane) {
+            low[lane] = std::min(low[lane], values[i + lane]);
+            high[lane] = std::max(high[lane], values[i + lane]);
+        }
     }
+    for (; i < count; ++i) {
+        low[0] = std::min(low[0], values[i]);
+        high[0] = std::max(high[0], values[i]);
+    }
+    const T lowest = *std::min_element(low, low + 4);
+    const T highest = *std::max_element(high, high + 4);
     const auto span = static_cast<U>(static_cast<U>(highest) - static_cast<U>(lowest));
     const unsigned minbits = span > static_cast<U>(~U{0} - 2) ? width : bitsFor(static_cast<std::uint64_t>(span) + 1);
 
     // The whole stored chunk at once: the header, then the values as they are or packed (one byte more).
     const std::size_t body = minbits == width ? count * sizeof(T) : count * sizeof(T) * minbits / width + 1;
-    std::vector<unsigned char> out(header_bytes + body, 0);
-    for (unsigned i = 0; i < 4; ++i) {
-        out[i] = static_cast<unsigned char>(minbits >> (8 * i));
+    out.resize(header_bytes + body);
+    unsigned char* const header = out.data();
+    std::fill_n(header, header_bytes, 0);
+    for (unsigned b = 0; b < 4; ++b) {
+        header[b] = static_cast<unsigned char>(minbits >> (8 * b));
     }
-    out[4] = sizeof(std::uint64_t);
+    header[4] = sizeof(std::uint64_t);
     // A chunk stored as it is carries a minimum of 0: the filter gives up on packing before it keeps the minimum.
     const auto minimum = minbits == width ? 0 : static_cast<std::uint64_t>(static_cast<std::int64_t>(lowest));
-    for (unsigned i = 0; i < 8; ++i) {
-        out[5 + i] = static_cast<unsigned char>(minimum >> (8 * i));
+    for (unsigned b = 0; b < 8; ++b) {
+        header[5 + b] = static_cast<unsigned char>(minimum >> (8 * b));
     }
+    unsigned char* at = header + header_bytes;
     if (minbits == width) {
-        std::memcpy(out.data() + header_bytes, values, count * sizeof(T));
-        return out;
+        std::memcpy(at, values, count * sizeof(T));
+        return;
     }
-    unsigned char* at = out.data() + header_bytes;
-    // Bits wait in `pending` (the newest at the bottom) until a whole byte is there; fewer than 8 wait between
-    // values, so a value of up to 56 bits always fits beside them, and a wider one goes in two pieces.
+    unsigned char* const end = at + body;
+    // The stream is filled 64 bits at a time: `pending` holds `held` bits at its top (fewer than 64), a value
+    // goes below them, and a full word is stored most significant byte first. minbits is at most 63 here.
     std::uint64_t pending = 0;
     unsigned held = 0;
-    const auto put = [&](std::uint64_t bits, unsigned n) {
-        pending = (pending << n) | bits;
-        held += n;
-        while (held >= 8) {
-            held -= 8;
-            *at++ = static_cast<unsigned char>(pending >> held);
-        }
-    };
-    const std::uint64_t mask = minbits == 0 ? 0 : ~std::uint64_t{0} >> (64 - minbits);
-    for (std::size_t i = 0; i < count && minbits > 0; ++i) {
-        const std::uint64_t offset =
-            static_cast<std::uint64_t>(static_cast<U>(values[i]) - static_cast<U>(lowest)) & mask;
-        if (minbits > 56) {
-            put(offset >> 32, minbits - 32);
-            put(offset & 0xFFFFFFFF, 32);
+    for (i = 0; i < count && minbits > 0; ++i) {
+        const auto offset =
+            static_cast<std::uint64_t>(static_cast<U>(static_cast<U>(values[i]) - static_cast<U>(lowest)));
+        if (held + minbits < 64) {
+            pending |= offset << (64 - held - minbits);
+            held += minbits;
         } else {
-            put(offset, minbits);
+            const unsigned over = held + minbits - 64; // bits of the value that go to the next word
+            pending |= offset >> over;
+            const std::uint64_t word = __builtin_bswap64(pending);
+            std::memcpy(at, &word, sizeof word);
+            at += sizeof word;
+            pending = over == 0 ? 0 : offset << (64 - over);
+            held = over;
         }
     }
-    if (held > 0) {
-        *at = static_cast<unsigned char>(pending << (8 - held));
+    for (; held > 0; held = held > 8 ? held - 8 : 0, pending <<= 8) {
+        *at++ = static_cast<unsigned char>(pending >> 56);
     }
-    return out;
+    std::fill(at, end, 0);
 }
 
 } // namespace kavot_tool::scaleoffset
