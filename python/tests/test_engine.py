@@ -48,10 +48,9 @@ def test_convert_equals_kavot_convert(files, run, tmp_path, settings, options):
     triggers, _ = h5_columns(tmp_path / "cli.h5", "triggers", ["t"])
     assert got.triggers.dtype == np.int64 and (got.triggers == triggers["t"]).all()
     assert got.attrs == {name: value for name, value in attrs.items() if name != "compression"}
-    # Into files: the photon file byte for byte, the HDF5 file column for column.
+    # Into files: the same bytes (an HDF5 file records no times of its own).
     assert kavot.convert(files / "quad.tpx3", tmp_path / "py.h5", **settings) == attrs
-    written, _ = h5_columns(tmp_path / "py.h5", "photons", COLUMNS)
-    assert all((written[name] == expected[name]).all() for name in COLUMNS)
+    assert (tmp_path / "py.h5").read_bytes() == (tmp_path / "cli.h5").read_bytes()
     run("KAVOT", "convert", files / "quad.tpx3", tmp_path / "cli.kavotphot", *options)
     kavot.convert(files / "quad.tpx3", tmp_path / "py.kavotphot", **settings)
     assert (tmp_path / "py.kavotphot").read_bytes() == (tmp_path / "cli.kavotphot").read_bytes()
