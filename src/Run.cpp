@@ -120,7 +120,8 @@ void run_processingSequence(const Parameters& parameters,
     const std::string& prefix = *parameters.inputFile;
     const std::string& outputPath = *parameters.outputFile;
     const Tpx3InputFile input(prefix);
-    const Tpx3Census census = census_tpx3<useGlobalTime>(input, spillFolder(outputPath));
+    const unsigned workers = usableCpus();
+    const Tpx3Census census = census_tpx3<useGlobalTime>(input, spillFolder(outputPath), workers > 1);
     logging<LogLevel::trace>(prefix + ": Finished loading input at " + secondsSince(start) + " seconds");
     logging<LogLevel::info>(prefix +
                             ": Total number of pixel activations in file = " + std::to_string(census.pixelCount));
@@ -141,7 +142,6 @@ void run_processingSequence(const Parameters& parameters,
     }
     PhotonSink sink{output.writer ? &*output.writer : nullptr, image ? &*image : nullptr,
                     progress ? &*progress : nullptr, 0};
-    const unsigned workers = usableCpus();
     const std::vector<Tpx3Part> parts = workers > 1 ? plan_parts(census, partSize_hits(census)) : Tpx3Part::whole();
     cluster_inParts(
         input, census, Tpx3ScaleDecoding<useGlobalTime>(census), parts, reconstruction.dTime.get_value(), workers,

@@ -1,5 +1,6 @@
 // Decoding of SPIDR packet streams built word by word, and of generated recordings.
 
+#include <filesystem>
 #include <set>
 #include <tuple>
 
@@ -132,24 +133,61 @@ TEST(Tpx3Decoder, WalksChunksOfAnySizeAndFindsStructuralErrorsBeforeDecoding) {
 }
 
 TEST(Tpx3Decoder, FileWalkInSmallWindowsVisitsEveryChunkOnce) {
-    // Windows smaller than a chunk make every chunk straddle a refill of the buffer.
+    // Windows smaller than a chunk make every chunk straddle a refill of the buffer; read ahead, a chunk also
+    // straddles the ring's buffers. Walks from a later chunk, and walks that a handler ends, see what the walk in
+    // memory sees; a cut last chunk is refused the same way.
     const TempDir dir;
     const auto words = tpx3gen::generate({.hits = 20000, .maxChunkPackets = 900}).words;
     writeWords(dir / "r.tpx3", words);
+    writeWords(dir / "cut.tpx3", std::vector<u64>(words.begin(), words.end() - 1));
     const Tpx3InputFile file(dir / "r.tpx3");
-    for (const std::size_t window : {std::size_t{1}, std::size_t{700}, std::size_t{1} << 20}) {
-        SCOPED_TRACE(window);
+    const Tpx3InputFile cut(dir / "cut.tpx3");
+    u64 later = 0; // the header of a chunk past the first tenth
+    for_eachChunk_tpx3(words.data(), words.size(), [&](const u64*, const u64*, u64 header) {
+        later = header;
+        return header < words.size() / 10;
+    });
+    struct Case {
+        std::size_t window;
+        bool readAhead;
+        u64 from;
+        std::size_t chunks; ///< the handler ends the walk after this many (0: never)
+    };
+    const Case cases[] = {
+        {1, false, 0, 0},      {700, false, 0, 0}, {std::size_t{1} << 20, false, 0, 0},
+        {5, true, 0, 0},       {700, true, 0, 0},  {700, true, later, 0},
+        {1, false, later, 0},  {700, true, 0, 3},  {9000, true, 0, 100},
+        {700, true, later, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.window << (c.readAhead ? " ahead from " : " from ") << c.from << " for "
+                                        << c.chunks);
         std::vector<u64> walked[2];
-        const auto into = [&](std::vector<u64>& to) {
-            return [&to](const u64* first, const u64* last, u64 header) {
+        const auto into = [&c](std::vector<u64>& to) {
+            return [&to, &c, seen = std::size_t{0}](const u64* first, const u64* last, u64 header) mutable {
                 to.push_back(header);
                 to.insert(to.end(), first, last);
+                return c.chunks == 0 || ++seen < c.chunks;
             };
         };
-        for_eachChunk_tpx3(file, into(walked[0]), window);
-        for_eachChunk_tpx3(words.data(), words.size(), into(walked[1]));
+        for_eachChunk_tpx3(
+            file, into(walked[0]), c.window, c.from, [] {}, c.readAhead);
+        for_eachChunk_tpx3(words.data(), words.size(), into(walked[1]), c.from);
         ASSERT_EQ(walked[0], walked[1]);
+        if (c.chunks == 0) {
+            EXPECT_THROW_MESSAGE(for_eachChunk_tpx3(
+                                     cut, into(walked[0]), c.window, c.from, [] {}, c.readAhead),
+                                 std::logic_error, "End of data reached before block is complete!");
+        }
     }
+    // A file cut after it was opened: a read ahead fails on its own thread, and the walk reports it.
+    writeWords(dir / "shrinks.tpx3", words);
+    const Tpx3InputFile shrinks(dir / "shrinks.tpx3");
+    std::filesystem::resize_file(dir / "shrinks.tpx3", words.size() * 4);
+    EXPECT_THROW_MESSAGE(for_eachChunk_tpx3(
+                             shrinks, [](const u64*, const u64*, u64) {}, 700, 0, [] {}, true),
+                         std::invalid_argument,
+                         "Input file \"" + (dir / "shrinks.tpx3") + "\" changed while it was read!");
 }
 
 TEST(Tpx3Decoder, GeneratedRecordingsDecodeToTheGeneratedHits) {

@@ -96,7 +96,8 @@ ConversionFacts convert_recording(const std::string& input,
                                   const ConversionHooks& hooks) {
     const Tpx3InputFile file(input);
     Tpx3ChipClockCensus clock(settings.trigger);
-    const Tpx3Census census = census_tpx3(clock, file, spillFolder, hooks.checkpoint);
+    const unsigned workers = settings.threads > 0 ? settings.threads : usableCpus();
+    const Tpx3Census census = census_tpx3(clock, file, spillFolder, hooks.checkpoint, workers > 1);
     ConversionFacts facts;
     facts.input = input;
     facts.inputSize_bytes = file.size_bytes();
@@ -126,7 +127,6 @@ ConversionFacts convert_recording(const std::string& input,
     }
     const HitsBehind behind(census);
     ConversionSink sink(triggers, outputs, facts, progress ? &*progress : nullptr, behind, hooks);
-    const unsigned workers = settings.threads > 0 ? settings.threads : usableCpus();
     const std::vector<Tpx3Part> parts = workers > 1 ? plan_parts(census, partSize_hits(census)) : Tpx3Part::whole();
     cluster_inParts(
         file, census, decoding, parts, settings.clustering.dTime.get_value(), workers, spillFolder, waitingHits_limit,

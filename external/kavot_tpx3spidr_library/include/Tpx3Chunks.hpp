@@ -4,10 +4,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
+#include <tuple>
 #include <type_traits>
 #include <vector>
 
-#include "ReadBuffer.hpp"
+#include "FileWindows.hpp"
 #include "Tpx3InputFile.hpp"
 #include "Tpx3Packet.hpp"
 
@@ -64,7 +65,8 @@ constexpr std::size_t maxChunk_words = 1 + 0xFFFF / 8;
 /// chunk and the word index of its header (a handler returning a bool ends the walk with false); from the chunk at
 /// word `from` on (a chunk header). The file is read in windows of about `window_words`, so memory does not grow
 /// with the file; `beforeRefill()` is called before the window's words move, are overwritten or freed at the end of
-/// the walk (a handler may keep pointers into it until then). A file whose size is no multiple of 8 bytes is
+/// the walk (a handler may keep pointers into it until then). With `readAhead` the windows are read on a thread
+/// of their own while the handler works (see `WindowsReadAhead`). A file whose size is no multiple of 8 bytes is
 /// refused first.
 template <typename OnChunk, typename BeforeRefill = void (*)()>
 void for_eachChunk_tpx3(
@@ -72,38 +74,47 @@ void for_eachChunk_tpx3(
     OnChunk&& onChunk,
     std::size_t window_words = std::size_t{1} << 20,
     std::uint64_t from = 0,
-    BeforeRefill&& beforeRefill = [] {}) {
+    BeforeRefill&& beforeRefill = [] {},
+    bool readAhead = false) {
     if (file.size_bytes() % 8 != 0) {
         throw std::logic_error("File contains incomplete lines!");
     }
     const std::uint64_t size = file.size_words();
     // No larger than the file: a small recording needs no window of several MiB.
-    ReadBuffer<std::uint64_t> buffer(
-        static_cast<std::size_t>(std::min<std::uint64_t>(window_words, size - std::min(from, size)) + maxChunk_words));
-    std::uint64_t bufferStart = from; // word index of buffer[0]
-    std::size_t filled = 0;
-    std::size_t at = 0;
-    while (bufferStart + at < size) {
-        if (at == filled || at + 1 + tpx3::chunkWords(buffer[at]) > filled) {
-            // Not a whole chunk left in the buffer: keep the rest and read on behind it.
-            beforeRefill();
-            std::copy(buffer.data() + at, buffer.data() + filled, buffer.data());
-            bufferStart += at;
-            filled -= at;
-            at = 0;
-            const auto more =
-                static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size() - filled, size - bufferStart - filled));
-            file.read_words(bufferStart + filled, more, buffer.data() + filled);
-            filled += more;
+    const auto stretch = static_cast<std::size_t>(std::min<std::uint64_t>(window_words, size - std::min(from, size)));
+    const auto walk = [&](auto&& windows) {
+        const std::uint64_t* window = nullptr;
+        std::uint64_t windowStart = from; // word index of window[0]
+        std::size_t filled = 0;
+        std::size_t at = 0;
+        while (windowStart + at < size) {
+            while (at == filled || at + 1 + tpx3::chunkWords(window[at]) > filled) {
+                // Not a whole chunk left in the window: keep the rest and read on behind it (read ahead in
+                // stretches shorter than the chunk, more than once). At the end of the file the check below
+                // refuses the cut chunk.
+                beforeRefill();
+                windowStart += at;
+                const std::size_t keep = filled - at;
+                std::tie(window, filled) = windows.next(window + at, keep);
+                at = 0;
+                if (filled == keep) {
+                    break;
+                }
+            }
+            const std::uint64_t header = windowStart + at;
+            const std::uint64_t end = chunkEnd_checked(window[at], header, size);
+            if (!detail::continueAfter(onChunk, window + at + 1, window + (end - windowStart), header)) {
+                break;
+            }
+            at = static_cast<std::size_t>(end - windowStart);
         }
-        const std::uint64_t header = bufferStart + at;
-        const std::uint64_t end = chunkEnd_checked(buffer[at], header, size);
-        if (!detail::continueAfter(onChunk, buffer.data() + at + 1, buffer.data() + (end - bufferStart), header)) {
-            break;
-        }
-        at = static_cast<std::size_t>(end - bufferStart);
+        beforeRefill();
+    };
+    if (readAhead && size > from + stretch) {
+        walk(WindowsReadAhead(file, from, stretch, maxChunk_words));
+    } else {
+        walk(WindowsInPlace(file, from, stretch + maxChunk_words));
     }
-    beforeRefill();
 }
 
 } // namespace kavot_tpx3spidr
