@@ -10,6 +10,7 @@
 #include <getopt.h>
 
 #include "KavotCommand.hpp"
+#include "RunResources.hpp"
 
 namespace kavot_tool {
 
@@ -100,6 +101,7 @@ Arguments parse_arguments(const Command& command, const std::vector<std::string>
 
 int main(int argc, char** argv) {
     using namespace kavot_tool;
+    keepFreedMemory();
     const std::vector<std::string> args(argv + 1, argv + argc);
     const std::string first = args.empty() ? "" : args[0];
     if (first == "--help" || first == "-h") {

@@ -107,7 +107,7 @@ private:
     friend class InOrderRun<Item>;
 
     /// Items go over in batches, so that the lock is taken once per batch.
-    static constexpr std::size_t defaultBatchItems = 4096;
+    static constexpr std::size_t defaultBatchItems = 16384;
 
     struct Task {
         std::deque<std::vector<Item>> batches;
@@ -117,7 +117,10 @@ private:
     };
     struct Shared {
         std::mutex mutex;
-        std::condition_variable changed;
+        std::condition_variable changed; ///< the workers wait on it
+        /// The consumer waits on it, for the task it consumes: told only of that task's batches and end, it
+        /// does not wake (and take a CPU from a worker) for the batches of tasks after it.
+        std::condition_variable headChanged;
         std::vector<Task> tasks;
         std::size_t next = 0;               ///< the next task to start
         std::size_t head = 0;               ///< the task being consumed
@@ -138,7 +141,9 @@ private:
         mine.batches.push_back(std::move(batch));
         batch = {};
         batch.reserve(shared.batchItems);
-        shared.changed.notify_all();
+        if (task == shared.head) {
+            shared.headChanged.notify_one();
+        }
         shared.changed.wait(lock, [&] { return shared.stopping || mine.held <= shared.heldItems; });
         if (shared.stopping) {
             throw TaskCancelled{};
@@ -182,6 +187,7 @@ InOrderRun<Item>::~InOrderRun() {
         const std::lock_guard lock(shared.mutex);
         shared.stopping = true;
         shared.changed.notify_all();
+        shared.headChanged.notify_all();
     }
     for (auto& thread : threads) {
         thread.join();
@@ -217,7 +223,9 @@ void InOrderRun<Item>::work() {
         const std::lock_guard lock(shared.mutex);
         shared.tasks[task].done = true;
         shared.tasks[task].error = error;
-        shared.changed.notify_all();
+        if (task == shared.head) {
+            shared.headChanged.notify_one();
+        }
     }
 }
 
@@ -228,13 +236,13 @@ bool InOrderRun<Item>::next(std::vector<Item>& batch, const std::function<void()
         auto& task = shared.tasks[head];
         const auto ready = [&] { return !task.batches.empty() || task.done; };
         if (whileWaiting) {
-            while (!shared.changed.wait_for(lock, waitStep, ready)) {
+            while (!shared.headChanged.wait_for(lock, waitStep, ready)) {
                 lock.unlock();
                 whileWaiting();
                 lock.lock();
             }
         } else {
-            shared.changed.wait(lock, ready);
+            shared.headChanged.wait(lock, ready);
         }
         if (task.batches.empty()) {
             if (task.error) {
