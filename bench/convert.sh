@@ -2,7 +2,7 @@
 # kavot convert against vundrel: wall time on the 20 M-hit benchmark recording, one program after the other, pair
 # by pair (one core with taskset, then every core), and peak memory of kavot convert on the hard shapes of
 # bench/adversarial.sh and on a 30-minute quad recording (about 100 M hits, 0.9 GB; generated once).
-# Usage: bench/convert.sh [BUILD_DIR] [WORK_DIR] [PAIRS] [ADVERSARIAL_HITS]
+# Usage: bench/convert.sh [BUILD_DIR] [WORK_DIR] [PAIRS] [ADVERSARIAL_HITS (0: speed only)]
 set -euo pipefail
 build=${1:-build/release}
 work=${2:-/tmp/vundrel_bench}
@@ -17,6 +17,16 @@ cat "$file" > /dev/null
 
 seconds() { awk -F': ' '/Elapsed \(wall clock\)/ {n = split($2, t, ":"); s = 0; for (i = 1; i <= n; i++) s = s * 60 + t[i]; print s}' "$1"; }
 mib() { awk -F': ' '/Maximum resident set size/ {printf "%.1f", $2 / 1024}' "$1"; }
+# Appends the wall time of a command in seconds (to the microsecond: /usr/bin/time's 10 ms are a tenth of a run).
+timed() {
+    local to=$1
+    shift
+    local start end
+    start=$(date +%s%N)
+    "$@" > /dev/null
+    end=$(date +%s%N)
+    awk -v ns=$((end - start)) 'BEGIN {printf "%.6f\n", ns / 1e9}' >> "$to"
+}
 median() { sort -n | awk '{v[NR] = $1} END {print (NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2)}'; }
 
 # The same photons and triggers (vundrel -T) against every column in HDF5, and the photon file of kavot convert.
@@ -27,20 +37,19 @@ for cores in one all; do
     : > "$work/h5.times"
     : > "$work/kp.times"
     for _ in $(seq "$pairs"); do
-        /usr/bin/time -v "${pin[@]}" "$build/vundrel" -i "$file" -o "$work/v.kavotphot" -T --verbose 0 2> "$work/t"
-        seconds "$work/t" >> "$work/v.times"
-        /usr/bin/time -v "${pin[@]}" "$kavot" convert "$file" "$work/c.h5" > /dev/null 2> "$work/t"
-        seconds "$work/t" >> "$work/h5.times"
-        /usr/bin/time -v "${pin[@]}" "$kavot" convert "$file" "$work/c.kavotphot" > /dev/null 2> "$work/t"
-        seconds "$work/t" >> "$work/kp.times"
+        timed "$work/v.times" "${pin[@]}" "$build/vundrel" -i "$file" -o "$work/v.kavotphot" -T --verbose 0
+        timed "$work/h5.times" "${pin[@]}" "$kavot" convert "$file" "$work/c.h5"
+        timed "$work/kp.times" "${pin[@]}" "$kavot" convert "$file" "$work/c.kavotphot"
     done
     v=$(median < "$work/v.times")
     h5=$(median < "$work/h5.times")
     kp=$(median < "$work/kp.times")
     awk -v c="$cores" -v v="$v" -v h="$h5" -v k="$kp" 'BEGIN {
-        printf "20 M hits, %s core(s), median of pairs: vundrel -T %.2f s; kavot convert .h5 %.2f s (%.2fx); .kavotphot %.2f s (%.2fx)\n",
+        printf "20 M hits, %s core(s), median of pairs: vundrel -T %.3f s; kavot convert .h5 %.3f s (%.2fx); .kavotphot %.3f s (%.2fx)\n",
             c, v, h, h / v, k, k / v }'
 done
+
+[ "$hits" -gt 0 ] || exit 0 # ADVERSARIAL_HITS 0: the speed only
 
 # Peak memory of kavot convert on the hard shapes (as bench/adversarial.sh makes them) and a 30-minute quad.
 adversarial="$work/adversarial"

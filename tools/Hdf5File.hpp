@@ -262,20 +262,14 @@ public:
             flush();
         }
     }
-    /// Appends `count` values, the k-th being `valueOf(k)`: one tight loop a batch instead of a call a value.
-    template <typename ValueOf>
-    void push_each(std::size_t count, ValueOf&& valueOf) {
-        for (std::size_t k = 0; k < count;) {
-            const std::size_t n = std::min(count - k, batch_values - held);
-            T* to = values.get() + held;
-            for (std::size_t i = 0; i < n; ++i) {
-                to[i] = valueOf(k + i);
-            }
-            k += n;
-            held += n;
-            if (held == batch_values) {
-                flush();
-            }
+    /// Room for this many values before the batch is written; `next()` is where they go, and `advance(n)`
+    /// takes the first `n` written there. Columns filled side by side are filled in one loop this way.
+    [[nodiscard]] std::size_t room() const noexcept { return batch_values - held; }
+    [[nodiscard]] T* next() noexcept { return values.get() + held; }
+    void advance(std::size_t n) {
+        held += n;
+        if (held == batch_values) {
+            flush();
         }
     }
     void flush() {
