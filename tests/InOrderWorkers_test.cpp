@@ -1,6 +1,10 @@
 // Tasks run side by side, their items consumed in task order; failures end the run in that order too.
 
+#include <atomic>
 #include <stdexcept>
+
+#include <pthread.h>
+#include <signal.h>
 
 #include "InOrderWorkers.hpp"
 #include "TestSupport.hpp"
@@ -76,4 +80,23 @@ TEST(InOrderWorkers, EndAtTheFirstFailureInTaskOrderAfterTheItemsBeforeIt) {
         }
     };
     EXPECT_THROW_MESSAGE(kavot::run_inOrder<long>(20, 3, produce, failAt100), std::invalid_argument, "consumer");
+}
+
+TEST(InOrderWorkers, WorkersAndReadersTakeNoSignals) {
+    // A stop signal must reach the thread that installed its handler: every thread the engine starts blocks them
+    // all, and the caller's own mask is left as it was.
+    const auto blocked = [] {
+        sigset_t mask;
+        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+        return sigismember(&mask, SIGINT) == 1 && sigismember(&mask, SIGTERM) == 1;
+    };
+    const bool callerBlocked = blocked();
+    std::atomic<int> workersBlocked = 0;
+    kavot::run_inOrder<int>(
+        6, 3, [&](std::size_t, kavot::TaskOutput<int>&) { workersBlocked += blocked() ? 1 : 0; }, [](int) {});
+    EXPECT_EQ(workersBlocked.load(), 6);
+    bool readerBlocked = false;
+    kavot::thread_withoutSignals([&] { readerBlocked = blocked(); }).join();
+    EXPECT_TRUE(readerBlocked);
+    EXPECT_EQ(blocked(), callerBlocked);
 }

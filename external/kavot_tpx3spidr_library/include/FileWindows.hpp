@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "ReadBuffer.hpp"
+#include "ThreadWithoutSignals.hpp"
 #include "Tpx3InputFile.hpp"
 
 namespace kavot_tpx3spidr {
@@ -45,7 +46,8 @@ private:
 /// Windows read ahead on a thread of their own, into a ring of buffers: the walk's thread finds the next words
 /// read while it worked on the last ones, and a walk costs about the larger of the reading and the work instead
 /// of their sum (the reading copies every word out of the page cache: a third of a census). The words are
-/// those `WindowsInPlace` gives, in windows of the same or a smaller size: the same walk.
+/// those `WindowsInPlace` gives, in windows of the same or a smaller size: the same walk. The reading thread
+/// takes no signals; when none can be made, the constructor throws std::system_error.
 class WindowsReadAhead {
 public:
     /// `room_words` words the walk may keep (less than the largest chunk) lie in front of each stretch read.
@@ -56,7 +58,7 @@ public:
         for (auto& buffer : ring) {
             buffer.resize(room + static_cast<std::size_t>(std::min<std::uint64_t>(stretch_words, left)));
         }
-        reader = std::thread([this] { read(); });
+        reader = kavot::thread_withoutSignals([this] { read(); });
     }
     WindowsReadAhead(const WindowsReadAhead&) = delete;
     WindowsReadAhead& operator=(const WindowsReadAhead&) = delete;

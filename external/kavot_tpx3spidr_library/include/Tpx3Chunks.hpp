@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
+#include <system_error>
 #include <tuple>
 #include <type_traits>
 #include <vector>
@@ -111,10 +113,18 @@ void for_eachChunk_tpx3(
         beforeRefill();
     };
     if (readAhead && size > from + stretch) {
-        walk(WindowsReadAhead(file, from, stretch, maxChunk_words));
-    } else {
-        walk(WindowsInPlace(file, from, stretch + maxChunk_words));
+        std::optional<WindowsReadAhead> ahead;
+        try {
+            ahead.emplace(file, from, stretch, maxChunk_words);
+        } catch (const std::system_error&) {
+            // No thread to be had (a process at its limit): the file is read on this one, as with one CPU.
+        }
+        if (ahead) {
+            walk(*ahead);
+            return;
+        }
     }
+    walk(WindowsInPlace(file, from, stretch + maxChunk_words));
 }
 
 } // namespace kavot_tpx3spidr

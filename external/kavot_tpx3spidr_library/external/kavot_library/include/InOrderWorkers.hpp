@@ -13,8 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include <pthread.h>
-#include <signal.h>
+#include "ThreadWithoutSignals.hpp"
 
 namespace kavot {
 
@@ -163,22 +162,15 @@ InOrderRun<Item>::InOrderRun(
     shared.tasks.resize(count);
     shared.batchItems = batchItems;
     shared.heldItems = std::max<std::size_t>(heldItems / (ahead + 1), batchItems);
-    // The threads start with every signal blocked, as they inherit the mask they are created under.
-    sigset_t all;
-    sigset_t previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &previous);
     try {
         while (threads.size() < workers) {
-            threads.emplace_back([this] { work(); });
+            threads.push_back(thread_withoutSignals([this] { work(); }));
         }
     } catch (...) {
         if (threads.empty()) {
-            pthread_sigmask(SIG_SETMASK, &previous, nullptr);
             throw;
         }
     }
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
 template <typename Item>
