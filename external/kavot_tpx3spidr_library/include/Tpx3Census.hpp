@@ -57,29 +57,6 @@ struct Tpx3Census {
     Tpx3ChipClockFacts clocks;         ///< with a clock per chip only (see `Tpx3ChipClockCensus`)
 };
 
-/// The first global timestamp in ticks (25 ns units times 16), found by walking the chunks up to it. `walk(from,
-/// onChunk)` calls a chunk handler as `for_eachChunk_tpx3` does (and checks the structure on the way).
-template <typename Walk>
-[[nodiscard]] std::optional<std::uint64_t> firstGlobalTimestamp_tpx3(Walk&& walk) {
-    std::optional<std::uint64_t> found;
-    std::uint64_t latestLow = 0; // a high part before any low part completes a timestamp with low part 0
-    walk(0, [&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t /*header*/) {
-        for (const std::uint64_t* p = first; p != last; ++p) {
-            if (tpx3::packetType(*p) != tpx3::type_globalTime) {
-                continue;
-            }
-            if (tpx3::globalSubtype(*p) == tpx3::globalSubtype_low) {
-                latestLow = tpx3::globalLow(*p);
-            } else if (tpx3::globalSubtype(*p) == tpx3::globalSubtype_high) {
-                found = tpx3::globalTimestamp_ticks(*p, latestLow);
-                return false;
-            }
-        }
-        return true;
-    });
-    return found;
-}
-
 namespace detail {
 
 /// Whether a chunk header, read as a packet, is none of the packets a summary counts: its type bits are the top
@@ -310,11 +287,9 @@ template <typename Clock>
             // A window of 512 KiB: the pages of a larger one, touched for the first time by every run, cost a
             // 1 M-hit run a sixth of its time (8 MiB: 36.0 ms, 512 KiB: 30.5 ms), and this one stays in cache.
             // The short walks that look for a reference (without `beforeRefill`) read no more than they walk.
-            if constexpr (sizeof...(beforeRefill) == 0) {
-                for_eachChunk_tpx3(file, onChunk, std::size_t{1} << 16, from);
-            } else {
-                for_eachChunk_tpx3(file, onChunk, std::size_t{1} << 16, from, beforeRefill..., readAhead);
-            }
+            for_eachChunk_tpx3(
+                file, onChunk, std::size_t{1} << 16, from, [&] { (beforeRefill(), ...); },
+                readAhead && sizeof...(beforeRefill) > 0);
         },
         [&](std::uint64_t first, std::size_t count, std::uint64_t* destination) {
             file.read_words(first, count, destination);

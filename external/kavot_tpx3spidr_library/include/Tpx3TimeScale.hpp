@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <optional>
 
 #include "TimeOrder.hpp"
 #include "Tpx3Packet.hpp"
@@ -71,6 +72,29 @@ void for_eachPixel_repaired(const std::uint64_t* words,
         }
         i = end;
     }
+}
+
+/// The first global timestamp in ticks (25 ns units times 16), found by walking the chunks up to it. `walk(from,
+/// onChunk)` calls a chunk handler as `for_eachChunk_tpx3` does (and checks the structure on the way).
+template <typename Walk>
+[[nodiscard]] std::optional<std::uint64_t> firstGlobalTimestamp_tpx3(Walk&& walk) {
+    std::optional<std::uint64_t> found;
+    std::uint64_t latestLow = 0; // a high part before any low part completes a timestamp with low part 0
+    walk(0, [&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t /*header*/) {
+        for (const std::uint64_t* p = first; p != last; ++p) {
+            if (tpx3::packetType(*p) != tpx3::type_globalTime) {
+                continue;
+            }
+            if (tpx3::globalSubtype(*p) == tpx3::globalSubtype_low) {
+                latestLow = tpx3::globalLow(*p);
+            } else if (tpx3::globalSubtype(*p) == tpx3::globalSubtype_high) {
+                found = tpx3::globalTimestamp_ticks(*p, latestLow);
+                return false;
+            }
+        }
+        return true;
+    });
+    return found;
 }
 
 } // namespace kavot_tpx3spidr
