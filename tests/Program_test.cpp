@@ -87,6 +87,12 @@ std::string sampleFile(const TempDir& dir, u64 hits = 20000) {
     return path;
 }
 
+/// A log line that gives the whole seconds since the run started, for a run of well under a second: the clock's
+/// second may turn during it.
+testing::Matcher<std::string> withinASecond(const std::string& text) {
+    return testing::AnyOf(text + "0 seconds", text + "1 seconds");
+}
+
 /// No temporary file of an output is left in `dir`.
 void expectNoTemporaryFiles(const fs::path& dir) {
     for (const auto& entry : fs::directory_iterator(dir)) {
@@ -106,12 +112,12 @@ TEST(Program, ConvertsARecordingAndLogsEachStepInOrder) {
     ASSERT_TRUE(photons.extTriggers.has_value());
     EXPECT_THAT(
         progress(result.out),
-        ElementsAre(input + ": Finished loading input at 0 seconds",
+        ElementsAre(withinASecond(input + ": Finished loading input at "),
                     input + ": Total number of pixel activations in file = 20000",
                     input + ": Total number of TDC1 triggers = " + std::to_string(photons.extTriggers->size()),
                     "Starting photon event reconstruction",
                     input + ": Total number of reconstructed photons = " + std::to_string(photons.photonEvents.size()),
-                    input + ": Finished processing in 0 seconds"));
+                    withinASecond(input + ": Finished processing in ")));
     EXPECT_GT(photons.photonEvents.size(), 1000u);
     EXPECT_EQ(lines(result.out)[0].substr(0, 9), "trace:   ");
     EXPECT_EQ(lines(result.out)[1].substr(0, 9), "info:    ");
