@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -78,10 +79,57 @@ inline std::size_t insertLate(std::vector<PixelActivation>& run) noexcept {
     return run.size();
 }
 
-/// Stable LSD radix sort by time, in as few passes of at most 11 bits as the span of the times needs; a pass in
-/// which every activation has the same digit is skipped. `scratch` is any vector whose memory it may use.
-inline void radixSort(std::vector<PixelActivation>& run, std::vector<PixelActivation>& scratch) {
-    const std::size_t n = run.size();
+/// The digits of a radix sort over times from `earliest` to `latest`: as few passes of at most 11 bits as the
+/// span needs.
+struct RadixDigits {
+    RadixDigits(long earliest, long latest) noexcept
+        : minimum(static_cast<std::uint64_t>(earliest)), span(static_cast<std::uint64_t>(latest) - minimum) {
+        constexpr unsigned mostBits = 11;
+        const auto spanBits = static_cast<unsigned>(64 - __builtin_clzll(span | 1));
+        passes = (spanBits + mostBits - 1) / mostBits;
+        bits = (spanBits + passes - 1) / passes;
+        buckets = std::size_t{1} << bits;
+    }
+    [[nodiscard]] std::uint64_t key(const PixelActivation& activation) const noexcept {
+        return static_cast<std::uint64_t>(activation.get_toa().get_value()) - minimum;
+    }
+    [[nodiscard]] std::size_t digit(std::uint64_t key, unsigned pass) const noexcept {
+        return static_cast<std::size_t>(key >> (pass * bits)) & (buckets - 1);
+    }
+
+    std::uint64_t minimum;
+    std::uint64_t span;
+    unsigned passes;
+    unsigned bits;
+    std::size_t buckets;
+};
+
+/// Counts the digits of every pass into `offsets` (zeroed, `passes * buckets` long). Returns false when a time
+/// lies outside the span (the counts are then of no use).
+inline bool count_digits(const std::vector<PixelActivation>& run, const RadixDigits& d, std::size_t* offsets) {
+    bool outside = false;
+    if (d.passes == 2) { // the span of a block of a busy readout: counted in one go
+        std::size_t* high = offsets + d.buckets;
+        for (const PixelActivation& activation : run) {
+            const std::uint64_t k = d.key(activation);
+            outside |= k > d.span;
+            ++offsets[d.digit(k, 0)];
+            ++high[d.digit(k, 1)];
+        }
+    } else {
+        for (const PixelActivation& activation : run) {
+            const std::uint64_t k = d.key(activation);
+            outside |= k > d.span;
+            for (unsigned p = 0; p < d.passes; ++p) {
+                ++offsets[p * d.buckets + d.digit(k, p)];
+            }
+        }
+    }
+    return !outside;
+}
+
+/// The earliest and the latest time of a run.
+inline std::pair<long, long> timeSpan(const std::vector<PixelActivation>& run) noexcept {
     long earliest = run[0].get_toa().get_value();
     long latest = earliest;
     for (const PixelActivation& activation : run) {
@@ -89,48 +137,42 @@ inline void radixSort(std::vector<PixelActivation>& run, std::vector<PixelActiva
         earliest = time < earliest ? time : earliest;
         latest = time > latest ? time : latest;
     }
-    const auto minimum = static_cast<std::uint64_t>(earliest);
-    const std::uint64_t span = static_cast<std::uint64_t>(latest) - minimum;
-    const auto spanBits = static_cast<unsigned>(64 - __builtin_clzll(span | 1));
-    constexpr unsigned mostBits = 11;
-    const unsigned passes = (spanBits + mostBits - 1) / mostBits;
-    const unsigned digitBits = (spanBits + passes - 1) / passes;
-    const std::size_t buckets = std::size_t{1} << digitBits;
-    const std::uint64_t digit = buckets - 1;
-    const auto key = [minimum](const PixelActivation& activation) {
-        return static_cast<std::uint64_t>(activation.get_toa().get_value()) - minimum;
-    };
-    std::vector<std::size_t> offsets(passes * buckets);
-    if (passes == 2) { // the span of a block of a busy readout: counted in one go
-        std::size_t* low = offsets.data();
-        std::size_t* high = low + buckets;
-        for (const PixelActivation& activation : run) {
-            const std::uint64_t k = key(activation);
-            ++low[k & digit];
-            ++high[(k >> digitBits) & digit];
-        }
-    } else {
-        for (const PixelActivation& activation : run) {
-            const std::uint64_t k = key(activation);
-            for (unsigned p = 0; p < passes; ++p) {
-                ++offsets[p * buckets + ((k >> (p * digitBits)) & digit)];
-            }
-        }
+    return {earliest, latest};
+}
+
+/// Stable LSD radix sort by time; a pass in which every activation has the same digit is skipped. `span`, when
+/// given, is where the times are expected to lie (the census's figures for the blocks of the run): the pass
+/// that finds the span is then saved, and it is made only when a time lies outside. The stable order by time is
+/// one order whatever the digits, so the span only decides how fast it is found. `scratch` is any vector whose
+/// memory it may use.
+inline void radixSort(std::vector<PixelActivation>& run,
+                      std::vector<PixelActivation>& scratch,
+                      std::optional<std::pair<long, long>> span = std::nullopt) {
+    const std::size_t n = run.size();
+    if (!span) {
+        span = timeSpan(run);
+    }
+    RadixDigits d(span->first, span->second);
+    std::vector<std::size_t> offsets(d.passes * d.buckets);
+    if (!count_digits(run, d, offsets.data())) {
+        const auto [earliest, latest] = timeSpan(run);
+        d = RadixDigits(earliest, latest);
+        offsets.assign(d.passes * d.buckets, 0);
+        count_digits(run, d, offsets.data());
     }
     scratch.resize(n, run[0]);
-    for (unsigned p = 0; p < passes; ++p) {
-        std::size_t* offset = offsets.data() + p * buckets;
-        if (std::find(offset, offset + buckets, n) != offset + buckets) {
+    for (unsigned p = 0; p < d.passes; ++p) {
+        std::size_t* offset = offsets.data() + p * d.buckets;
+        if (std::find(offset, offset + d.buckets, n) != offset + d.buckets) {
             continue;
         }
         std::size_t start = 0;
-        for (std::size_t b = 0; b < buckets; ++b) {
+        for (std::size_t b = 0; b < d.buckets; ++b) {
             start += std::exchange(offset[b], start);
         }
-        const unsigned shift = p * digitBits;
         PixelActivation* to = scratch.data();
         for (const PixelActivation& activation : run) {
-            to[offset[(key(activation) >> shift) & digit]++] = activation;
+            to[offset[d.digit(d.key(activation), p)]++] = activation;
         }
         run.swap(scratch);
     }
@@ -143,11 +185,14 @@ inline void radixSort(std::vector<PixelActivation>& run, std::vector<PixelActiva
 /// behind its predecessor, and the insertion's test for it, mispredicted that often, cost more than the radix
 /// sort's passes (20 M hits: 0.54–0.59 s of CPU against 0.46–0.47 s). Where insertion gives up, the run is a
 /// stably sorted prefix followed by the rest in file order, whose stable sort is the stable sort of the whole:
-/// the radix sort finishes it. `scratch` is memory to reuse from block to block.
-inline void sort_byTime(std::vector<PixelActivation>& run, std::vector<PixelActivation>& scratch) {
+/// the radix sort finishes it. `scratch` is memory to reuse from block to block; `span`, the times the run is
+/// expected to lie within (see `detail::radixSort`).
+inline void sort_byTime(std::vector<PixelActivation>& run,
+                        std::vector<PixelActivation>& scratch,
+                        std::optional<std::pair<long, long>> span = std::nullopt) {
     constexpr std::size_t insertedMost = 64;
     if (run.size() > insertedMost || detail::insertLate(run) < run.size()) {
-        detail::radixSort(run, scratch);
+        detail::radixSort(run, scratch, span);
     }
 }
 

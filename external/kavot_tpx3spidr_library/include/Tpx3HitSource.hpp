@@ -127,6 +127,7 @@ private:
         std::vector<PixelActivation> run = merge.take_spare();
         std::size_t filled = 0;
         const Tpx3Block& first = census.blocks[nextBlock];
+        std::pair<long, long> span{first.earliest, first.latest};
         // Half the span, taken unsigned, fits a long and lands between the two whatever the times are.
         const std::uint64_t halfSpan =
             (static_cast<std::uint64_t>(first.latest) - static_cast<std::uint64_t>(first.earliest)) / 2;
@@ -149,6 +150,7 @@ private:
                 throw file.changed(); // the census counted other packets here
             }
             filled += block.pixelCount;
+            span = {std::min(span.first, block.earliest), std::max(span.second, block.latest)};
             bound = block.minAfter;
             if (nextBlock == census.blocks.size() || census.blocks[nextBlock].earliest >= middle ||
                 census.blocks[nextBlock].latest <= middle ||
@@ -157,7 +159,7 @@ private:
             }
         }
         run.resize(filled, blank);
-        sort_byTime(run, scratch);
+        sort_byTime(run, scratch, span); // the census's times of these blocks: those of an unchanged file
         merge.add_run(std::move(run));
         merge.release(bound, released, releaseStep_hits);
         return true;
