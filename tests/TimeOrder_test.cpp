@@ -302,3 +302,20 @@ TEST(SpillingList, GivesBackItsValuesInOrder) {
         EXPECT_EQ(list.to_vector(), expected);
     }
 }
+
+TEST(HitMerge, GrowsRecordsWithBlanksKeepingThoseHeld) {
+    // From empty and from held records, to sizes around the block of blanks copied at a time; never shrinks.
+    const std::pair<std::size_t, std::size_t> cases[] = {{0, 0}, {0, 1}, {5, 1023}, {1000, 1024}, {1, 3000}, {9, 4}};
+    for (const auto& [held, size] : cases) {
+        std::vector<PixelActivation> records;
+        for (std::size_t i = 0; i < held; ++i) {
+            records.emplace_back(static_cast<short>(i), 1, Time(static_cast<long>(i) + 7), 3, 2);
+        }
+        const std::vector<PixelActivation> before = records;
+        grow_blank(records, size);
+        ASSERT_EQ(records.size(), std::max(held, size)) << held << " to " << size;
+        EXPECT_TRUE(std::equal(before.begin(), before.end(), records.begin()));
+        EXPECT_TRUE(std::all_of(records.begin() + static_cast<std::ptrdiff_t>(held), records.end(),
+                                [](const PixelActivation& r) { return r == PixelActivation(0, 0, Time(0), 0); }));
+    }
+}

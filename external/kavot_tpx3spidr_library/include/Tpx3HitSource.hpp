@@ -143,9 +143,7 @@ private:
             file.read_words(block.firstWord, words.size(), words.data());
             // A block has no more pixel packets than words, whatever the file holds now. The decode writes every
             // record it counts, so only what the vector never held is filled first.
-            if (run.size() < filled + words.size() + pixelWords_slack) {
-                run.resize(filled + words.size() + pixelWords_slack, blank);
-            }
+            grow_blank(run, filled + words.size() + pixelWords_slack);
             if (decoding.decode_block(census, b, words.data(), words.size(), run.data() + filled) != block.pixelCount) {
                 throw file.changed(); // the census counted other packets here
             }
