@@ -202,13 +202,15 @@ TEST(Tpx3Parts, PlanCutsAtBlocksUnlessTheOrderIsFarFromTheFiles) {
         bool reversed;
         u64 hitsPerPart;
         std::size_t parts;
+        std::vector<std::size_t> firstBlocks; // of the parts, when checked
     } cases[] = {
-        {"ordered, a part per block", 0, false, 1, 100},
-        {"ordered, parts of 20 blocks", 0, false, 200, 5},
-        {"ordered, one part holds it all", 0, false, 1000, 1},
-        {"lag of 3 blocks, a part per block would decode all 4 times: parts grow to 13 blocks", 300, false, 1, 8},
-        {"lag of 3 blocks, parts of 20 blocks", 300, false, 200, 5},
-        {"reversed", 0, true, 1, 1},
+        {"ordered, a part per block", 0, false, 1, 100, {}},
+        // The last 400 activations in parts a quarter as large: the worker finishing last runs alone less long.
+        {"ordered, parts of 20 blocks", 0, false, 200, 11, {0, 20, 40, 60, 65, 70, 75, 80, 85, 90, 95}},
+        {"ordered, parts of all 100 blocks: quarters", 0, false, 1000, 4, {0, 25, 50, 75}},
+        {"lag of 3 blocks, a part per block would decode all 4 times: parts grow", 300, false, 1, 13, {}},
+        {"lag of 3 blocks, parts of 20 blocks", 300, false, 200, 11, {}},
+        {"reversed", 0, true, 1, 1, {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -216,6 +218,13 @@ TEST(Tpx3Parts, PlanCutsAtBlocksUnlessTheOrderIsFarFromTheFiles) {
         const auto parts = plan_parts(census, c.hitsPerPart);
         ASSERT_EQ(parts.size(), c.parts);
         EXPECT_FALSE(parts[0].start);
+        if (!c.firstBlocks.empty()) {
+            std::vector<std::size_t> firstBlocks;
+            for (const Tpx3Part& part : parts) {
+                firstBlocks.push_back(part.firstBlock);
+            }
+            EXPECT_EQ(firstBlocks, c.firstBlocks);
+        }
         for (std::size_t p = 1; p < parts.size(); ++p) {
             // Growing starts, the first block that reaches the start, and the latest time before that block.
             const long start = *parts[p].start;

@@ -58,18 +58,23 @@ struct Tpx3Part {
 
 namespace detail {
 
-/// Parts of `hitsPerPart` activations each (see `plan_parts`), or none where they would decode the recording
-/// more than about one and a quarter times.
+/// Parts of `hitsPerPart` activations each (see `plan_parts`), those of the last `2 * hitsPerPart` a quarter as
+/// large, or none where they would decode the recording more than about one and a quarter times. The workers
+/// take the parts in turn, and the last one to finish runs alone for about half a part: short last parts keep
+/// that short (20 M hits on two CPUs: about 11 ms alone with parts of 1 M hits).
 [[nodiscard]] inline std::optional<std::vector<Tpx3Part>> plan_partsOf(const Tpx3Census& census,
                                                                        std::uint64_t hitsPerPart) {
     const std::vector<Tpx3Block>& blocks = census.blocks;
     std::vector<Tpx3Part> parts = Tpx3Part::whole();
     std::uint64_t inPart = 0;
+    std::uint64_t left = census.pixelCount; // from block b on
     for (std::size_t b = 0; b + 1 < blocks.size(); ++b) {
         inPart += blocks[b].pixelCount;
+        left -= std::min(left, blocks[b].pixelCount);
+        const std::uint64_t size = left < 2 * hitsPerPart ? std::max<std::uint64_t>(hitsPerPart / 4, 1) : hitsPerPart;
         const long start = blocks[b].minAfter;
         // A start no later than the one before would make an empty part.
-        if (inPart < hitsPerPart || start == std::numeric_limits<long>::max() ||
+        if (inPart < size || start == std::numeric_limits<long>::max() ||
             (parts.back().start && start <= *parts.back().start)) {
             continue;
         }
