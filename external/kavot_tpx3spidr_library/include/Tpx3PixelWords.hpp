@@ -242,9 +242,14 @@ inline ChunksDecoded decode_chunks_portable(const std::uint64_t* words,
                                                         all8(tpx3::tot_mask << frontTot_shift)));
         front = _mm512_or_si512(front, chip);
         // The pixel packets' fields moved to the front, then interleaved into records: the records past the
-        // pixel packets are written but not counted.
-        const __m512i fronts = _mm512_maskz_compress_epi64(isPixel, front);
-        const __m512i times = _mm512_maskz_compress_epi64(isPixel, time);
+        // pixel packets are written but not counted. Where every word is a pixel packet (nearly always), they are
+        // at the front already: the compression, a quarter of the decode's time, is saved.
+        __m512i fronts = front;
+        __m512i times = time;
+        if (isPixel != inChunk) [[unlikely]] {
+            fronts = _mm512_maskz_compress_epi64(isPixel, front);
+            times = _mm512_maskz_compress_epi64(isPixel, time);
+        }
         auto* to = reinterpret_cast<char*>(out + n);
         _mm512_storeu_si512(to, _mm512_permutex2var_epi64(fronts, firstHalf, times));
         _mm512_storeu_si512(to + 64, _mm512_permutex2var_epi64(fronts, secondHalf, times));
