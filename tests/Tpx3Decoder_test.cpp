@@ -1,11 +1,13 @@
 // Decoding of SPIDR packet streams built word by word, and of generated recordings.
 
+#include <cstdio>
 #include <filesystem>
 #include <set>
 #include <tuple>
 
 #include "Data_Tpx3Spidr.hpp"
 #include "TestSupport.hpp"
+#include "ThreadWithoutSignals.hpp"
 #include "Tpx3Generator.hpp"
 #include "Tpx3HitSource.hpp"
 
@@ -252,4 +254,38 @@ TEST(Tpx3Census, CountsEveryPacketBesideChunkHeadersThatReadAsPackets) {
         ASSERT_EQ(source[k], data[k]);
     }
     EXPECT_EQ(k, pixels);
+}
+
+TEST(GuardedMapping, AFileCutWhileMappedReadsZerosFromItsEndOnAnyThread) {
+    // Three pages of words, cut to one and a half after the mapping: the words before the cut stay, those after
+    // it read as zeros, from this thread and from a thread of the engine's, and the mapping is marked cut.
+    const TempDir dir;
+    const std::size_t perPage = static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 8;
+    std::vector<u64> words(3 * perPage);
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        words[i] = i + 1;
+    }
+    writeWords(dir / "cut.tpx3", words);
+    const Tpx3InputFile file(dir / "cut.tpx3");
+    const u64* mapped = file.words_inMemory();
+    ASSERT_NE(mapped, nullptr);
+    ASSERT_EQ(truncate((dir / "cut.tpx3").c_str(), static_cast<off_t>(perPage * 12)), 0);
+    EXPECT_EQ(mapped[perPage + perPage / 2 - 1], perPage + perPage / 2);
+    EXPECT_FALSE(file.cut());
+    u64 onThread = 1;
+    kavot::thread_withoutSignals([&] { onThread = mapped[2 * perPage + 5]; }).join();
+    EXPECT_EQ(onThread, 0U);
+    EXPECT_EQ(mapped[perPage + perPage / 2 + 1], 0U);
+    EXPECT_TRUE(file.cut());
+    EXPECT_THROW(file.check_unchanged(), std::invalid_argument);
+
+    // A bus error elsewhere is not the guard's: the process ends as it would have.
+    EXPECT_DEATH(
+        {
+            const int fd = ::open((dir / "cut.tpx3").c_str(), O_RDONLY);
+            const auto* other =
+                static_cast<const volatile u64*>(::mmap(nullptr, words.size() * 8, PROT_READ, MAP_SHARED, fd, 0));
+            std::printf("%llu\n", static_cast<unsigned long long>(other[2 * perPage]));
+        },
+        "");
 }

@@ -60,6 +60,13 @@ void for_eachChunk_tpx3(const std::uint64_t* data, std::size_t size, OnChunk&& o
     }
 }
 
+/// Refuses a file whose size is no multiple of 8 bytes.
+inline void check_wholeLines(const Tpx3InputFile& file) {
+    if (file.size_bytes() % 8 != 0) {
+        throw std::logic_error("File contains incomplete lines!");
+    }
+}
+
 /// The largest chunk in words, header included: the size field counts at most 65535 bytes.
 constexpr std::size_t maxChunk_words = 1 + 0xFFFF / 8;
 
@@ -78,9 +85,7 @@ void for_eachChunk_tpx3(
     std::uint64_t from = 0,
     BeforeRefill&& beforeRefill = [] {},
     bool readAhead = false) {
-    if (file.size_bytes() % 8 != 0) {
-        throw std::logic_error("File contains incomplete lines!");
-    }
+    check_wholeLines(file);
     const std::uint64_t size = file.size_words();
     // No larger than the file: a small recording needs no window of several MiB.
     const auto stretch = static_cast<std::size_t>(std::min<std::uint64_t>(window_words, size - std::min(from, size)));

@@ -139,13 +139,22 @@ private:
             }
             const std::size_t b = nextBlock++;
             const Tpx3Block& block = census.blocks[b];
-            words.resize(static_cast<std::size_t>(block.endWord - block.firstWord));
-            file.read_words(block.firstWord, words.size(), words.data());
+            const auto count = static_cast<std::size_t>(block.endWord - block.firstWord);
+            const std::uint64_t* blockWords = file.words_inMemory();
+            if (blockWords != nullptr) {
+                blockWords += block.firstWord;
+            } else {
+                words.resize(count);
+                file.read_words(block.firstWord, count, words.data());
+                blockWords = words.data();
+            }
             // A block has no more pixel packets than words, whatever the file holds now. The decode writes every
             // record it counts, so only what the vector never held is filled first.
-            grow_blank(run, filled + words.size() + pixelWords_slack);
-            if (decoding.decode_block(census, b, words.data(), words.size(), run.data() + filled) != block.pixelCount) {
-                throw file.changed(); // the census counted other packets here
+            grow_blank(run, filled + count + pixelWords_slack);
+            // Other packets than the census counted, or zeros where the file was cut: the file changed.
+            if (decoding.decode_block(census, b, blockWords, count, run.data() + filled) != block.pixelCount ||
+                file.cut()) {
+                throw file.changed();
             }
             filled += block.pixelCount;
             span = {std::min(span.first, block.earliest), std::max(span.second, block.latest)};
