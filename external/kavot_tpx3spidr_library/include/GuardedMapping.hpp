@@ -6,7 +6,8 @@
 // of the mapping from the faulting one on are replaced with pages of zeros, the mapping is marked cut, and the
 // read goes on, reading zeros. Whoever reads the mapping asks `cut()` when done (and whenever an error comes up
 // while reading) and reports the file as changed. Bus errors at other addresses go to the handler that was there
-// before (or end the process, as they would have).
+// before (or end the process, as they would have). A handler installed for bus errors after the first mapping
+// takes them over: a file cut while mapped then ends the process, as any bus error would.
 
 #include <array>
 #include <atomic>
