@@ -46,13 +46,11 @@ inline Guard guard;
 inline void onBusError(int signal, siginfo_t* info, void* context) {
     const auto address = reinterpret_cast<std::uintptr_t>(info->si_addr);
     for (GuardedRange& range : guard.ranges) {
-        const unsigned before = range.sequence.load(std::memory_order_acquire);
-        const std::uintptr_t begin = range.begin.load(std::memory_order_relaxed);
-        const std::uintptr_t end = range.end.load(std::memory_order_relaxed);
-        std::atomic<bool>* cut = range.cut.load(std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_acquire);
-        if (before % 2 == 1 || range.sequence.load(std::memory_order_relaxed) != before || begin == 0 ||
-            address < begin || address >= end) {
+        const unsigned before = range.sequence.load();
+        const std::uintptr_t begin = range.begin.load();
+        const std::uintptr_t end = range.end.load();
+        std::atomic<bool>* cut = range.cut.load();
+        if (before % 2 == 1 || range.sequence.load() != before || begin == 0 || address < begin || address >= end) {
             continue;
         }
         // The system call itself: the library's wrapper may be watched by tools that do not expect it here.
@@ -127,14 +125,15 @@ public:
     [[nodiscard]] bool cut() const noexcept { return cutFlag.load(std::memory_order_relaxed); }
 
 private:
+    /// Sequentially consistent throughout (an entry changes twice a run): a handler that read any field of a
+    /// change then reads the count it changed.
     void write(std::uintptr_t begin, std::uintptr_t end, std::atomic<bool>* cut) noexcept {
-        const unsigned sequence = entry->sequence.load(std::memory_order_relaxed);
-        entry->sequence.store(sequence + 1, std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_release);
-        entry->begin.store(begin, std::memory_order_relaxed);
-        entry->end.store(end, std::memory_order_relaxed);
-        entry->cut.store(cut, std::memory_order_relaxed);
-        entry->sequence.store(sequence + 2, std::memory_order_release);
+        const unsigned sequence = entry->sequence.load();
+        entry->sequence.store(sequence + 1);
+        entry->begin.store(begin);
+        entry->end.store(end);
+        entry->cut.store(cut);
+        entry->sequence.store(sequence + 2);
     }
 
     std::size_t length;
