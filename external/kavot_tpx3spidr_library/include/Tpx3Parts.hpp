@@ -67,7 +67,7 @@ namespace detail {
     const std::vector<Tpx3Block>& blocks = census.blocks;
     std::vector<Tpx3Part> parts = Tpx3Part::whole();
     std::uint64_t inPart = 0;
-    std::uint64_t left = census.pixelCount; // from block b on
+    std::uint64_t left = census.pixelCount; // after block b
     for (std::size_t b = 0; b + 1 < blocks.size(); ++b) {
         inPart += blocks[b].pixelCount;
         left -= std::min(left, blocks[b].pixelCount);
