@@ -271,50 +271,16 @@ template <typename Clock, typename Walk, typename Read>
 
 } // namespace detail
 
-/// The census of a recording already in memory (the words are not modified), as that of a file.
-template <typename Clock>
-[[nodiscard]] Tpx3Census census_tpx3(Clock& clock,
-                                     const std::uint64_t* data,
-                                     std::size_t size,
-                                     const std::string& spillFolder = "",
-                                     const std::function<void()>& checkpoint = {}) {
-    return detail::census(
-        clock,
-        [&](std::uint64_t from, auto&& onChunk, auto&&... /*beforeRefill: the words stay in place*/) {
-            for_eachChunk_tpx3(data, size, onChunk, from);
-        },
-        [&](std::uint64_t first, std::size_t count, std::uint64_t* destination) {
-            std::copy_n(data + first, count, destination);
-        },
-        size, spillFolder, checkpoint);
-}
-
 /// The census of a recording file with `clock`. Trigger times beyond a few million go to a temporary file in
 /// `spillFolder` (kept in memory without one). `checkpoint`, if given, is called before each block; it may throw
 /// to end the census. With `readAhead` the file is read on a second thread while this one counts (for a run
-/// with more than one CPU: the census has the CPUs to itself); a file in memory is walked in place.
+/// with more than one CPU: the census has the CPUs to itself).
 template <typename Clock>
 [[nodiscard]] Tpx3Census census_tpx3(Clock& clock,
                                      const Tpx3InputFile& file,
                                      const std::string& spillFolder = "",
                                      const std::function<void()>& checkpoint = {},
                                      bool readAhead = false) {
-    if (const std::uint64_t* words = file.words_inMemory()) {
-        // A small file, in memory whole: walked in place. Where it was cut, the census read zeros: whatever it
-        // made of them, the file changed.
-        try {
-            check_wholeLines(file);
-            Tpx3Census census = census_tpx3(clock, words, file.size_words(), spillFolder, checkpoint);
-            if (!file.cut()) {
-                return census;
-            }
-        } catch (...) {
-            if (!file.cut()) {
-                throw;
-            }
-        }
-        throw file.changed();
-    }
     return detail::census(
         clock,
         [&](std::uint64_t from, auto&& onChunk, auto&&... beforeRefill) {
@@ -329,6 +295,20 @@ template <typename Clock>
             file.read_words(first, count, destination);
         },
         file.size_words(), spillFolder, checkpoint);
+}
+
+/// The census of a recording already in memory (the words are not modified).
+template <typename Clock>
+[[nodiscard]] Tpx3Census census_tpx3(Clock& clock, const std::uint64_t* data, std::size_t size) {
+    return detail::census(
+        clock,
+        [&](std::uint64_t from, auto&& onChunk, auto&&... /*beforeRefill: the words stay in place*/) {
+            for_eachChunk_tpx3(data, size, onChunk, from);
+        },
+        [&](std::uint64_t first, std::size_t count, std::uint64_t* destination) {
+            std::copy_n(data + first, count, destination);
+        },
+        size, "");
 }
 
 /// The census with the first global timestamp as the reference of every time (`useGlobalTime`), or with the raw

@@ -60,13 +60,6 @@ void for_eachChunk_tpx3(const std::uint64_t* data, std::size_t size, OnChunk&& o
     }
 }
 
-/// Refuses a file whose size is no multiple of 8 bytes.
-inline void check_wholeLines(const Tpx3InputFile& file) {
-    if (file.size_bytes() % 8 != 0) {
-        throw std::logic_error("File contains incomplete lines!");
-    }
-}
-
 /// The largest chunk in words, header included: the size field counts at most 65535 bytes.
 constexpr std::size_t maxChunk_words = 1 + 0xFFFF / 8;
 
@@ -75,8 +68,9 @@ constexpr std::size_t maxChunk_words = 1 + 0xFFFF / 8;
 /// word `from` on (a chunk header). The file is read in windows of about `window_words`, so memory does not grow
 /// with the file; `beforeRefill()` is called before the window's words move, are overwritten or freed at the end of
 /// the walk (a handler may keep pointers into it until then). With `readAhead` the windows are read on a thread
-/// of their own while the handler works (see `WindowsReadAhead`). A file whose size is no multiple of 8 bytes is
-/// refused first.
+/// of their own while the handler works (see `WindowsReadAhead`). A file in memory (a small one, see
+/// `Tpx3InputFile`) is walked in place, as one window. A file whose size is no multiple of 8 bytes is refused
+/// first.
 template <typename OnChunk, typename BeforeRefill = void (*)()>
 void for_eachChunk_tpx3(
     const Tpx3InputFile& file,
@@ -85,7 +79,24 @@ void for_eachChunk_tpx3(
     std::uint64_t from = 0,
     BeforeRefill&& beforeRefill = [] {},
     bool readAhead = false) {
-    check_wholeLines(file);
+    if (file.size_bytes() % 8 != 0) {
+        throw std::logic_error("File contains incomplete lines!");
+    }
+    if (const std::uint64_t* words = file.words_inMemory()) {
+        // Where the file was cut, the walk read zeros: whatever the handler made of them, the file changed.
+        try {
+            for_eachChunk_tpx3(words, file.size_words(), onChunk, from);
+            beforeRefill();
+        } catch (...) {
+            if (!file.cut()) {
+                throw;
+            }
+        }
+        if (file.cut()) {
+            throw file.changed();
+        }
+        return;
+    }
     const std::uint64_t size = file.size_words();
     // No larger than the file: a small recording needs no window of several MiB.
     const auto stretch = static_cast<std::size_t>(std::min<std::uint64_t>(window_words, size - std::min(from, size)));
