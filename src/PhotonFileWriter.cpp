@@ -73,17 +73,46 @@ void PhotonFileWriter::append(const char* bytes, std::size_t n) {
     used += n;
 }
 
-void PhotonFileWriter::flush() {
-    if (!failed && used > 0) {
-        failed = !writeAll(fd, buffer.data(), used);
-        written += static_cast<off_t>(used);
-        // The file is flushed to disk before it replaces the destination; starting the disk writes of each
-        // finished stretch now lets them run while the photons are still being found, instead of all of them
-        // after the last one. Only a hint: its failure changes nothing, and the final flush reports errors.
-        if (written - writtenBack >= writeBackStep_bytes) {
-            ::sync_file_range(fd, writtenBack, written - writtenBack, SYNC_FILE_RANGE_WRITE);
-            writtenBack = written;
+void PhotonFileWriter::push_all(std::span<const kavot_tpx3spidr::PhotonEvent_type> batch) {
+    if constexpr (PhotonFile::recordIsMemory) {
+        // A batch as large as a good part of the buffer goes to the file from where it lies, without a copy.
+        if (batch.size_bytes() >= buffer.size() / 4) {
+            flush();
+            writeOut(reinterpret_cast<const char*>(batch.data()), batch.size_bytes());
+            photons += batch.size();
+            return;
         }
     }
+    while (!batch.empty()) {
+        if (used + PhotonFile::photonRecord_bytes > buffer.size()) {
+            flush();
+        }
+        const std::size_t n = std::min(batch.size(), (buffer.size() - used) / PhotonFile::photonRecord_bytes);
+        PhotonFile::store_photonRecords(buffer.data() + used, batch.first(n));
+        used += n * PhotonFile::photonRecord_bytes;
+        photons += n;
+        batch = batch.subspan(n);
+    }
+}
+
+void PhotonFileWriter::flush() {
+    if (used > 0) {
+        writeOut(buffer.data(), used);
+    }
     used = 0;
+}
+
+void PhotonFileWriter::writeOut(const char* bytes, std::size_t n) {
+    if (failed) {
+        return;
+    }
+    failed = !writeAll(fd, bytes, n);
+    written += static_cast<off_t>(n);
+    // The file is flushed to disk before it replaces the destination; starting the disk writes of each
+    // finished stretch now lets them run while the photons are still being found, instead of all of them
+    // after the last one. Only a hint: its failure changes nothing, and the final flush reports errors.
+    if (written - writtenBack >= writeBackStep_bytes) {
+        ::sync_file_range(fd, writtenBack, written - writtenBack, SYNC_FILE_RANGE_WRITE);
+        writtenBack = written;
+    }
 }

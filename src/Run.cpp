@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <new>
 #include <optional>
+#include <span>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -59,6 +60,25 @@ struct PhotonSink {
         ++photons;
         if (progress != nullptr && photons % progress_stride == 0) [[unlikely]] {
             progress->photonAt(photon.toa.get_value(), ProgressLine::Clock::now());
+        }
+    }
+    /// The same for consecutive photons, which the file takes in one go.
+    void push_all(std::span<const PhotonEvent_type> batch) {
+        if (batch.empty()) {
+            return;
+        }
+        if (image != nullptr) {
+            for (const PhotonEvent_type& photon : batch) {
+                image->add_photonEvent<true>(photon);
+            }
+        }
+        if (file != nullptr) {
+            file->push_all(batch);
+        }
+        const std::size_t before = photons;
+        photons += batch.size();
+        if (progress != nullptr && photons / progress_stride != before / progress_stride) {
+            progress->photonAt(batch.back().toa.get_value(), ProgressLine::Clock::now());
         }
     }
 };

@@ -1,6 +1,12 @@
 // The photon event file, byte by byte, and its readers.
 
+#include <span>
+
+#include <fcntl.h>
+#include <unistd.h>
+
 #include "PhotonEvents.hpp"
+#include "PhotonFileWriter.hpp"
 #include "TestSupport.hpp"
 #include "Units.hpp"
 
@@ -104,6 +110,51 @@ TEST(PhotonFile, ReadersReturnTheWrittenListsAndTriggerPresence) {
     const auto second = PhotonFile().read_fromFile(dir / "f.kavotphot");
     EXPECT_TRUE(second.photonEvents.empty());
     EXPECT_FALSE(second.extTriggers.has_value());
+}
+
+TEST(PhotonFile, TheRunsWriterGivesTheSameBytesWhetherPhotonsComeOneByOneOrInBatches) {
+    // The photons of a run are stored as they lie in memory where that is their record, as on this machine:
+    // the cases below then test that path.
+    EXPECT_TRUE(PhotonFile::recordIsMemory);
+    const TempDir dir;
+    std::mt19937_64 random(5);
+    std::vector<Photon> photons; // more than the writer's buffer of 1 MiB holds
+    for (int i = 0; i < 150000; ++i) {
+        photons.emplace_back(Length(static_cast<int>(random())), Length(static_cast<int>(random())),
+                             Time(static_cast<long>(random())));
+    }
+    const std::vector<Time> triggers{Time(5), Time(-1)};
+    const std::string expected = readFile(write(dir, photons, triggers));
+    // Batch sizes in turn (0: one photon by `push`); batches of 16384 photons and more go to the file uncopied.
+    const std::vector<std::vector<std::size_t>> patterns{
+        {0}, {1}, {7, 0, 3}, {16383, 16384}, {65537, 0}, {150000}, {0, 100000, 1}, {40000, 65536, 0, 16385}};
+    for (const auto& pattern : patterns) {
+        SCOPED_TRACE(testing::PrintToString(pattern));
+        const std::string path = dir / "run.kavotphot";
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ASSERT_GE(fd, 0);
+        PhotonFileWriter writer(fd);
+        std::span<const Photon> left(photons);
+        for (std::size_t k = 0; !left.empty(); ++k) {
+            const std::size_t size = std::min(pattern[k % pattern.size()], left.size());
+            if (size == 0) {
+                writer.push(left.front());
+                left = left.subspan(1);
+            } else {
+                writer.push_all(left.first(size));
+                left = left.subspan(size);
+            }
+        }
+        writer.push_all({});
+        kavot_tpx3spidr::SpillingList<Time> times;
+        for (const Time time : triggers) {
+            times.push_back(time);
+        }
+        writer.write_triggers(times);
+        EXPECT_TRUE(writer.finish());
+        ::close(fd);
+        EXPECT_EQ(readFile(path), expected);
+    }
 }
 
 TEST(PhotonFile, ReadersRefuseMalformedFiles) {

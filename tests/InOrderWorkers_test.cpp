@@ -1,6 +1,7 @@
 // Tasks run side by side, their items consumed in task order; failures end the run in that order too.
 
 #include <atomic>
+#include <span>
 #include <stdexcept>
 
 #include <pthread.h>
@@ -26,23 +27,32 @@ TEST(InOrderWorkers, GiveEveryItemInTaskOrderWhateverTheTiming) {
         }
     }
     // With the least that may be held (a batch per task), the larger tasks wait for the consumer.
+    const auto produce = [](std::size_t task, kavot::TaskOutput<long>& output) {
+        std::minstd_rand random(static_cast<unsigned>(task));
+        for (std::size_t i = 0; i < sizeOf(task); ++i) {
+            if (random() % 2000 == 0) {
+                std::this_thread::yield();
+            }
+            output.push(static_cast<long>(task * 100000 + i));
+        }
+    };
     for (const std::size_t held : {std::size_t{1}, std::size_t{1} << 21}) {
         for (const unsigned workers : {1U, 2U, 7U}) {
             SCOPED_TRACE(testing::Message() << workers << " workers, " << held << " held");
             std::vector<long> consumed;
             kavot::run_inOrder<long>(
-                60, workers,
-                [](std::size_t task, kavot::TaskOutput<long>& output) {
-                    std::minstd_rand random(static_cast<unsigned>(task));
-                    for (std::size_t i = 0; i < sizeOf(task); ++i) {
-                        if (random() % 2000 == 0) {
-                            std::this_thread::yield();
-                        }
-                        output.push(static_cast<long>(task * 100000 + i));
-                    }
-                },
-                [&](long item) { consumed.push_back(item); }, held);
+                60, workers, produce, [&](long item) { consumed.push_back(item); }, held);
             ASSERT_EQ(consumed, expected);
+            // A consumer of batches gets the same items; no batch is empty.
+            std::vector<long> batched;
+            kavot::run_inOrder<long>(
+                60, workers, produce,
+                [&](std::span<const long> batch) {
+                    ASSERT_FALSE(batch.empty());
+                    batched.insert(batched.end(), batch.begin(), batch.end());
+                },
+                held);
+            ASSERT_EQ(batched, expected);
         }
     }
 }

@@ -6,6 +6,7 @@
 #include <functional>
 #include <limits>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -247,7 +248,17 @@ void cluster_inParts(const Tpx3InputFile& file,
             PartSequence sequence(source, parts[p], end, dT, [&output] { output.checkpoint(); });
             cluster(sequence, output);
         },
-        [&](const typename Sink::Record& photon) { sink.push(photon); }, std::size_t{1} << 21, checkpoint);
+        [&](std::span<const typename Sink::Record> photons) {
+            // A sink that takes photons a batch at a time does less per photon on this thread.
+            if constexpr (requires { sink.push_all(photons); }) {
+                sink.push_all(photons);
+            } else {
+                for (const auto& photon : photons) {
+                    sink.push(photon);
+                }
+            }
+        },
+        std::size_t{1} << 21, checkpoint);
 }
 
 } // namespace kavot_tpx3spidr

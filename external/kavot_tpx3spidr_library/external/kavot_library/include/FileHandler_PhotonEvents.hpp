@@ -2,11 +2,15 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdint>
+#include <cstring>
 #include <fstream>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "Data_PhotonEvents.hpp"
@@ -53,6 +57,42 @@ public:
         store_littleEndian<lengthBytes>(destination + lengthBytes, static_cast<std::uint64_t>(photon.y.get_value()));
         store_littleEndian<timeBytes>(destination + 2 * lengthBytes,
                                       static_cast<std::uint64_t>(photon.toa.get_value()));
+    }
+    /// Whether a photon in memory is, byte for byte, its record (x, y and time little-endian, in that order,
+    /// nothing between): then photons are stored as they lie in memory.
+    static constexpr bool recordIsMemory = [] {
+        if constexpr (std::endian::native != std::endian::little || sizeof(PhotonEvent_type) != photonRecord_bytes ||
+                      !std::is_trivially_copyable_v<PhotonEvent_type> || lengthBytes != sizeof(LengthType) ||
+                      timeBytes != sizeof(TimeType)) {
+            return false;
+        } else {
+            // Every byte of the photon distinct: its bytes in memory are those of its record in order.
+            using Length_rep = typename LengthType::rep_type;
+            using Time_rep = typename TimeType::rep_type;
+            const auto bytes = std::bit_cast<std::array<unsigned char, photonRecord_bytes>>(PhotonEvent_type(
+                LengthType(static_cast<Length_rep>(0x04030201)), LengthType(static_cast<Length_rep>(0x08070605)),
+                TimeType(static_cast<Time_rep>(0x100F0E0D0C0B0A09))));
+            for (std::size_t i = 0; i < bytes.size(); ++i) {
+                if (bytes[i] != i + 1) {
+                    return false;
+                }
+            }
+            return true;
+        }
+    }();
+
+    /// Stores the records of `photons`, one after the other, at `destination`.
+    static void store_photonRecords(char* destination, std::span<const PhotonEvent_type> photons) noexcept {
+        if constexpr (recordIsMemory) {
+            if (!photons.empty()) {
+                std::memcpy(destination, photons.data(), photons.size_bytes());
+            }
+        } else {
+            for (const PhotonEvent_type& photon : photons) {
+                store_photonRecord(destination, photon);
+                destination += photonRecord_bytes;
+            }
+        }
     }
     [[nodiscard]] static PhotonEvent_type load_photonRecord(const char* source) noexcept {
         return PhotonEvent_type(

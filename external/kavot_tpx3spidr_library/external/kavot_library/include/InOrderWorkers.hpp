@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -8,8 +9,12 @@
 #include <deque>
 #include <exception>
 #include <functional>
+#include <memory>
 #include <mutex>
+#include <new>
+#include <span>
 #include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -27,6 +32,9 @@ class TaskOutput;
 /// Runs tasks 0 .. count-1 on up to `workers` threads and gives their items to `consume` on the calling thread:
 /// all items of task 0 in the order pushed, then those of task 1, and so on. So the consumer sees exactly what
 /// running the tasks one after the other on the calling thread would give it.
+///
+/// `consume` takes the items one at a time, or, when it can be called with a `std::span<const Item>`, a batch of
+/// consecutive items at a time.
 ///
 /// `produce(task, output)` pushes its items with `output.push(item)` and may call `output.checkpoint()` now and
 /// then: both throw `TaskCancelled` once the run is over. Memory stays bounded: at most `2 * workers` tasks are
@@ -90,10 +98,12 @@ class TaskOutput {
 public:
     using Record = Item; ///< what a task pushes, as a photon sink names it
 
-    void push(const Item& item) {
-        batch.push_back(item);
-        if (batch.size() == shared.batchItems) {
-            publish();
+    /// Inline, onto a small stage that moves to the batch a few hundred items at a time: a call per item made
+    /// the producer store each item on its stack and load it back whole, which stalls (3 % of a clustering run).
+    [[gnu::always_inline]] void push(const Item& item) {
+        std::construct_at(reinterpret_cast<Item*>(stage.data()) + staged, item);
+        if (++staged == stageItems) [[unlikely]] {
+            unstage();
         }
     }
     void checkpoint() const {
@@ -130,6 +140,15 @@ private:
 
     TaskOutput(Shared& shared_, std::size_t task_) : shared(shared_), task(task_) { batch.reserve(shared.batchItems); }
 
+    /// Moves the staged items to the batch, and hands the batch over once it is full.
+    [[gnu::noinline]] void unstage() {
+        const Item* first = std::launder(reinterpret_cast<const Item*>(stage.data()));
+        batch.insert(batch.end(), first, first + staged);
+        staged = 0;
+        if (batch.size() >= shared.batchItems) {
+            publish();
+        }
+    }
     void publish() {
         std::unique_lock lock(shared.mutex);
         if (shared.stopping) {
@@ -149,9 +168,14 @@ private:
         }
     }
 
+    static_assert(std::is_trivially_copyable_v<Item>, "items are staged and handed over as bytes");
+    static constexpr std::size_t stageItems = 256;
+
     Shared& shared;
     std::size_t task;
     std::vector<Item> batch;
+    alignas(Item) std::array<std::byte, stageItems * sizeof(Item)> stage;
+    std::size_t staged = 0;
 };
 
 template <typename Item>
@@ -204,6 +228,7 @@ void InOrderRun<Item>::work() {
         try {
             Output output(shared, task);
             produce(task, output);
+            output.unstage();
             if (!output.batch.empty()) {
                 output.publish();
             }
@@ -264,8 +289,12 @@ void run_inOrder(std::size_t count,
     InOrderRun<Item> run(count, workers, std::move(produce), heldItems);
     std::vector<Item> batch;
     while (run.next(batch, whileWaiting)) {
-        for (const Item& item : batch) {
-            consume(item);
+        if constexpr (std::is_invocable_v<Consume&, std::span<const Item>>) {
+            consume(std::span<const Item>(batch));
+        } else {
+            for (const Item& item : batch) {
+                consume(item);
+            }
         }
     }
 }
