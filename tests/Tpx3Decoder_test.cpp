@@ -221,13 +221,17 @@ TEST(Tpx3Decoder, GeneratedRecordingsDecodeToTheGeneratedHits) {
 TEST(Tpx3Census, CountsEveryPacketBesideChunkHeadersThatReadAsPackets) {
     // Headers of 5632, 2048 and 3072 packets read as a pixel, global time and TDC packet (the top bits of the
     // size): summed up with the packets of the chunks around them, they would be counted (and the streamed
-    // decode refuse the file as changed since its census).
-    const std::size_t sizes[] = {5, 5632, 3, 2048, 1, 3072, 16, 2, 5632, 7};
+    // decode refuse the file as changed since its census). Then runs of small chunks longer than the census sums
+    // up at once, with triggers among them.
+    std::vector<std::size_t> sizes = {5, 5632, 3, 2048, 1, 3072, 16, 2, 5632, 7};
+    for (std::size_t c = 0; c < 3000; ++c) {
+        sizes.push_back(1 + c % 13);
+    }
     std::vector<u64> words;
     u64 pixels = 0;
     u64 tdcs = 0;
     u64 time = 1000;
-    for (std::size_t c = 0; c < std::size(sizes); ++c) {
+    for (std::size_t c = 0; c < sizes.size(); ++c) {
         words.push_back(chunkHeader(sizes[c] * 8, c % 4));
         for (std::size_t k = 0; k < sizes[c]; ++k) {
             if (k % 10 == 9) {
@@ -248,6 +252,9 @@ TEST(Tpx3Census, CountsEveryPacketBesideChunkHeadersThatReadAsPackets) {
     EXPECT_EQ(census.tdcCount, tdcs);
     Tpx3HitSource source(file, census, Tpx3ScaleDecoding<false>(census));
     const auto data = Data_Tpx3Spidr::make_from_file_tpx3spidr<false>(dir / "r.tpx3");
+    std::vector<Time> triggers;
+    census.tdcTriggers.for_each([&](Time trigger) { triggers.push_back(trigger); });
+    EXPECT_EQ(triggers, data.get_tdc1Triggers());
     std::size_t k = 0;
     for (; source.has(k); ++k) {
         ASSERT_LT(k, data.size());

@@ -192,7 +192,9 @@ template <typename Clock, typename Walk, typename Read>
         block.latest = std::max(block.latest, chunks.latest);
         census.blocks.back().pixelCount = block.pixels;
     };
-    // Chunks that follow each other in the walk's window, summed up as one (see `TimeScaleCensus`).
+    // Chunks that follow each other in the walk's window, summed up as one (see `TimeScaleCensus`), up to
+    // `spanMost_words`: a span with a trigger is read again for it, from the first level of cache.
+    constexpr std::ptrdiff_t spanMost_words = 1024;
     const std::uint64_t* spanFirst = nullptr;
     const std::uint64_t* spanLast = nullptr;
     std::uint64_t spanHeader = 0;
@@ -202,30 +204,37 @@ template <typename Clock, typename Walk, typename Read>
         }
         spanFirst = spanLast = nullptr;
     };
+    std::uint64_t blockFirst = 0; // the current block's first word, beside the block for the test of every chunk
+    // The chunk at `header` opens a block.
+    const auto open = [&](std::uint64_t header) [[gnu::noinline]] {
+        flush();
+        if (blockOpen) {
+            finish(census.blocks.back());
+        }
+        if (checkpoint) {
+            checkpoint();
+        }
+        census.blocks.push_back({header, header, 0, latest, latest, std::numeric_limits<long>::max(),
+                                 census.tdcTriggers.size(), false, std::numeric_limits<long>::max(),
+                                 std::numeric_limits<long>::min()});
+        clock.begin_block(census);
+        block = PacketSummary{};
+        blockOpen = true;
+        blockFirst = header;
+    };
     for (std::uint64_t from = 0;;) {
         std::optional<std::uint64_t> back;
         walk(
             from,
-            [&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t header) {
+            // Inline in the walk: it runs once per chunk, and a busy detector writes chunks of a few packets.
+            [&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t header) [[gnu::always_inline]] {
                 census.chipsSeen[tpx3::chunkChip(first[-1])] = true;
-                if (census.blocks.empty() || header - census.blocks.back().firstWord >= blockWords) {
-                    flush();
-                    if (blockOpen) {
-                        finish(census.blocks.back());
-                    }
-                    if (checkpoint) {
-                        checkpoint();
-                    }
-                    census.blocks.push_back({header, header, 0, latest, latest, std::numeric_limits<long>::max(),
-                                             census.tdcTriggers.size(), false, std::numeric_limits<long>::max(),
-                                             std::numeric_limits<long>::min()});
-                    clock.begin_block(census);
-                    block = PacketSummary{};
-                    blockOpen = true;
+                if (!blockOpen || header - blockFirst >= blockWords) [[unlikely]] {
+                    open(header);
                 }
                 census.blocks.back().endWord = header + 1 + static_cast<std::uint64_t>(last - first);
                 if constexpr (Clock::summarizesChunkRuns) {
-                    if (spanFirst != spanLast && first - 1 == spanLast && noPacket(first[-1])) {
+                    if (first - 1 == spanLast && noPacket(first[-1]) && last - spanFirst <= spanMost_words) {
                         spanLast = last;
                     } else {
                         flush();
