@@ -206,7 +206,7 @@ template <typename Clock, typename Walk, typename Read>
     };
     std::uint64_t blockFirst = 0; // the current block's first word, beside the block for the test of every chunk
     // The chunk at `header` opens a block.
-    const auto open = [&](std::uint64_t header) [[gnu::noinline]] {
+    const auto open = [&](std::uint64_t header) __attribute__((noinline)) {
         flush();
         if (blockOpen) {
             finish(census.blocks.back());
@@ -227,27 +227,28 @@ template <typename Clock, typename Walk, typename Read>
         walk(
             from,
             // Inline in the walk: it runs once per chunk, and a busy detector writes chunks of a few packets.
-            [&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t header) [[gnu::always_inline]] {
-                census.chipsSeen[tpx3::chunkChip(first[-1])] = true;
-                if (!blockOpen || header - blockFirst >= blockWords) [[unlikely]] {
-                    open(header);
-                }
-                census.blocks.back().endWord = header + 1 + static_cast<std::uint64_t>(last - first);
-                if constexpr (Clock::summarizesChunkRuns) {
-                    if (first - 1 == spanLast && noPacket(first[-1]) && last - spanFirst <= spanMost_words) {
-                        spanLast = last;
-                    } else {
-                        flush();
-                        spanFirst = first;
-                        spanLast = last;
-                        spanHeader = header;
+            [&](const std::uint64_t* first, const std::uint64_t* last, std::uint64_t header)
+                __attribute__((always_inline)) {
+                    census.chipsSeen[tpx3::chunkChip(first[-1])] = true;
+                    if (!blockOpen || header - blockFirst >= blockWords) [[unlikely]] {
+                        open(header);
                     }
-                    return true;
-                } else {
-                    add(clock.chunk(first[-1], header, first, last, census));
-                    return !(back = clock.rewindWord());
-                }
-            },
+                    census.blocks.back().endWord = header + 1 + static_cast<std::uint64_t>(last - first);
+                    if constexpr (Clock::summarizesChunkRuns) {
+                        if (first - 1 == spanLast && noPacket(first[-1]) && last - spanFirst <= spanMost_words) {
+                            spanLast = last;
+                        } else {
+                            flush();
+                            spanFirst = first;
+                            spanLast = last;
+                            spanHeader = header;
+                        }
+                        return true;
+                    } else {
+                        add(clock.chunk(first[-1], header, first, last, census));
+                        return !(back = clock.rewindWord());
+                    }
+                },
             flush);
         flush();
         if (!back) {
