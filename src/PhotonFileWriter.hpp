@@ -27,8 +27,8 @@ public:
         used += kavot_tpx3spidr::PhotonFile::photonRecord_bytes;
         ++photons;
     }
-    /// The photons of `photons`, in order: as `push` of each, with less work per photon.
-    void push_all(std::span<const kavot_tpx3spidr::PhotonEvent_type> photons);
+    /// The photons of `batch`, in order: as `push` of each, with less work per photon.
+    void push_all(std::span<const kavot_tpx3spidr::PhotonEvent_type> batch);
     /// Ends the photon block with a trigger block holding `triggers`.
     void write_triggers(const kavot_tpx3spidr::SpillingList<kavot_tpx3spidr::Time>& triggers);
     /// Writes what is buffered and fills in the sizes. False if anything failed.
