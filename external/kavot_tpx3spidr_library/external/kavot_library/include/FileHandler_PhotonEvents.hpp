@@ -119,17 +119,15 @@ public:
         void write_content(std::ofstream& stream) const override {
             // Records are staged in a fixed buffer and written in batches: the bytes are the same as one write
             // per record, with far fewer calls into the stream.
-            std::array<char, photonRecord_bytes * 4096> buffer;
-            std::size_t used = 0;
-            for (const auto& photon : photonEvents) {
-                store_photonRecord(buffer.data() + used, photon);
-                used += photonRecord_bytes;
-                if (used == buffer.size()) {
-                    stream.write(buffer.data(), static_cast<std::streamsize>(used));
-                    used = 0;
-                }
+            constexpr std::size_t perWrite = 4096;
+            std::array<char, photonRecord_bytes * perWrite> buffer;
+            std::span<const PhotonEvent_type> left(photonEvents);
+            while (!left.empty()) {
+                const std::size_t n = std::min(left.size(), perWrite);
+                store_photonRecords(buffer.data(), left.first(n));
+                stream.write(buffer.data(), static_cast<std::streamsize>(n * photonRecord_bytes));
+                left = left.subspan(n);
             }
-            stream.write(buffer.data(), static_cast<std::streamsize>(used));
         }
 
     private:
